@@ -4,9 +4,12 @@
 #include <string.h>
 
 #include "agent/CPUTime.h"
+#include "agent/CallbackJar.h"
+#include "agent/LifecycleEvents.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
+#include "db/DB.h"
 
 namespace {
 
@@ -81,6 +84,70 @@ void detectJVM() {
   }
 }
 
+// The capabilities of the main environment. A debugger in the same JVM conflicts with
+// suspension, and on JRockit also with local variable access, so those are left out then.
+void addCapabilitiesOrFail(bool* notAvailable) {
+  jvmtiCapabilities capabilities;
+  memset(&capabilities, 0, sizeof(capabilities));
+  capabilities.can_tag_objects = 1;
+  capabilities.can_get_monitor_info = 1;
+  capabilities.can_redefine_classes = 1;
+  capabilities.can_generate_exception_events = 1;
+  capabilities.can_generate_all_class_hook_events = 1;
+  capabilities.can_generate_monitor_events = 1;
+  capabilities.can_generate_vm_object_alloc_events = 1;
+  capabilities.can_generate_object_free_events = 1;
+  if (!(ourIsJRockit && ourOptions.myWithDebugger)) {
+    capabilities.can_access_local_variables = 1;
+  }
+  if (!ourOptions.myWithDebugger) {
+    capabilities.can_suspend = 1;
+  }
+  if (canInstrumentNativeMethods()) {
+    capabilities.can_set_native_method_prefix = 1;
+  }
+  jvmtiError error = ourJVMTI->AddCapabilities(&capabilities);
+  *notAvailable = error == JVMTI_ERROR_NOT_AVAILABLE;
+  if (!*notAvailable) {
+    check_JVMTI_error(error);
+  }
+}
+
+// One environment per user of object tags, so that no user can disturb another's tags.
+jvmtiEnv* createTaggingEnvironment(JavaVM* vm) {
+  jvmtiEnv* env = nullptr;
+  if (vm->GetEnv(reinterpret_cast<void**>(&env), JVMTI_VERSION_FOR_AGENT) != JNI_OK || env == nullptr) {
+    return nullptr;
+  }
+  jvmtiCapabilities capabilities;
+  memset(&capabilities, 0, sizeof(capabilities));
+  capabilities.can_tag_objects = 1;
+  if (env->AddCapabilities(&capabilities) != JVMTI_ERROR_NONE) {
+    return nullptr;
+  }
+  return env;
+}
+
+void installEventCallbacks() {
+  jvmtiEventCallbacks callbacks;
+  memset(&callbacks, 0, sizeof(callbacks));
+  callbacks.VMInit = vmInit;
+  callbacks.VMDeath = vmDeath;
+  callbacks.VMStart = vmStart;
+  callbacks.ThreadStart = threadStart;
+  callbacks.ThreadEnd = threadEnd;
+  check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks))));
+
+  // Events of engines that are part of the library are switched on here too, in this order.
+  const jvmtiEvent enabledAtLoad[] = {
+      JVMTI_EVENT_VM_INIT,    JVMTI_EVENT_VM_START,     JVMTI_EVENT_VM_DEATH,
+      JVMTI_EVENT_THREAD_END, JVMTI_EVENT_THREAD_START,
+  };
+  for (jvmtiEvent event : enabledAtLoad) {
+    check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, event, nullptr));
+  }
+}
+
 void reportStart() {
   jint version = 0;
   check_JVMTI_error(ourJVMTI->GetVersionNumber(&version));
@@ -114,9 +181,52 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
   if (!ourOptions.parse(options)) {
     exit(1);
   }
+  DB::createAndInitializeDB(ourOptions.myTelemetryLimit);
+
+  bool notAvailable = false;
+  addCapabilitiesOrFail(&notAvailable);
+  if (notAvailable) {
+    fprintf(stderr,
+            "%s: the JVM does not provide required profiling capabilities.\n\n"
+            "This happens because garbage collector that does not support heap profiling is possibly used.\n"
+            "Please pay attention to JVM parameters such as -XX:+UseConcMarkSweepGC and -Xincgc.\n",
+            KJP_CANNOT_START);
+    fflush(stderr);
+    return -1;
+  }
+
+  jvmtiEnv** sideEnvironments[] = {&ourJVMTI2, &ourJVMTI3, &ourJVMTI4, &ourJVMTI5, &ourJVMTI6, &ourJVMTI7};
+  bool allSideEnvironments = true;
+  for (jvmtiEnv** side : sideEnvironments) {
+    *side = createTaggingEnvironment(vm);
+    allSideEnvironments = allSideEnvironments && *side != nullptr;
+  }
+  // JRockit may refuse some; the features built on a missing one are simply off there.
+  if (!allSideEnvironments && !ourIsJRockit) {
+    fprintf(stderr, "%s: Unable to create JVMTI environment\n", KJP_CANNOT_START);
+    fflush(stderr);
+    return -1;
+  }
+
   if (!checkPlatformCapabilities()) {
     return -1;
   }
+  installEventCallbacks();
+  if (canInstrumentNativeMethods()) {
+    check_JVMTI_error(ourJVMTI->SetNativeMethodPrefix(ourNativeMethodPrefix));
+  }
+
+  KString jarPath = getCallbackJarPath(ourOptions.myTmpDir);
+  if (!writeCallbackJar(jarPath.get())) {
+    fprintf(stderr,
+            KJP_LOG_PREFIX "Cannot open temp. jar file for reading: %s. "
+                           "Please consider -agentlib:kjpagent=tmpdir=<alternate dir> option.\n",
+            jarPath.get());
+    fflush(stderr);
+    return -1;
+  }
+  check_JVMTI_error(ourJVMTI->AddToBootstrapClassLoaderSearch(jarPath.get()));
+
   if (!ourOptions.myQuiet) {
     reportStart();
   }

@@ -1,7 +1,5 @@
 # Java parts of the project: the command-line tools and the UI-side natives class under
 # tools/, compiled with the installed javac into build/tools/kjp-tools.jar.
-find_program(KJP_JAVAC javac HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
-find_program(KJP_JAR jar HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 find_program(KJP_JAVA java HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 
 file(GLOB_RECURSE KJP_TOOLS_SOURCES CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/tools/src/*.java")

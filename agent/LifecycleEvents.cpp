@@ -1,0 +1,127 @@
+#include "agent/LifecycleEvents.h"
+
+#include <stdio.h>
+
+#include "agent/CPUTime.h"
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KLock.h"
+#include "agent/Options.h"
+#include "engines/DeadThreadFolder.h"
+#include "engines/ThreadInfo.h"
+
+void reportStartResult(int code, const char* okText, const char* failText) {
+  if (ourOptions.myQuiet) {
+    return;
+  }
+  if (code == 0) {
+    fprintf(stderr, KJP_LOG_PREFIX "%s\n", okText);
+  } else {
+    fprintf(stderr, KJP_LOG_PREFIX "%s: error code = %d\n", failText, code);
+  }
+  fflush(stderr);
+}
+
+jthread createAgentThread(JNIEnv* env, const char* name) {
+  jclass threadClass = env->FindClass("java/lang/Thread");
+  assertJNI(env);
+  jmethodID constructor = env->GetMethodID(threadClass, "<init>", "(Ljava/lang/String;)V");
+  assertJNI(env);
+  jstring threadName = env->NewStringUTF(name);
+  assertJNI(env);
+  jthread thread = env->NewObject(threadClass, constructor, threadName);
+  assertJNI(env);
+  env->DeleteLocalRef(threadName);
+  env->DeleteLocalRef(threadClass);
+  return thread;
+}
+
+void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
+  ourVMStartCalled = true;
+  // The callback class is on the boot class path from Agent_OnLoad on; resolving it here makes
+  // a broken jar fail at start-up, not at the first probe. Its natives are registered as the
+  // engines that implement them are part of the library.
+  jclass callbackClass = env->FindClass("com/kestrix/runtime/Callback");
+  assertJNI(env);
+  KASSERT_TEXT(callbackClass != nullptr, "callbackClass");
+  env->DeleteLocalRef(callbackClass);
+}
+
+void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  ourVMInitCalled = true;
+}
+
+void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env) {
+  if (!ourVMInitCalled) {
+    return;  // nothing was started, so there is nothing to save
+  }
+  ourVMDeathCalled = true;
+  // The data dump event was never enabled; switching it off is kept as a harmless no-op.
+  check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_DISABLE, static_cast<jvmtiEvent>(71), nullptr));
+}
+
+namespace {
+
+// The JVM's name of a thread and of its group, released by the destructor.
+struct JVMThreadNames {
+  jvmtiEnv* myJVMTI;
+  char* myName = nullptr;
+  char* myGroupName = nullptr;
+  bool myValid = false;
+
+  JVMThreadNames(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) : myJVMTI(jvmti) {
+    jvmtiThreadInfo info;
+    if (jvmti->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) {
+      return;
+    }
+    myValid = true;
+    myName = info.name;
+    if (info.thread_group != nullptr) {
+      jvmtiThreadGroupInfo groupInfo;
+      if (jvmti->GetThreadGroupInfo(info.thread_group, &groupInfo) == JVMTI_ERROR_NONE) {
+        myGroupName = groupInfo.name;
+        if (groupInfo.parent != nullptr) {
+          env->DeleteLocalRef(groupInfo.parent);
+        }
+      }
+      env->DeleteLocalRef(info.thread_group);
+    }
+    if (info.context_class_loader != nullptr) {
+      env->DeleteLocalRef(info.context_class_loader);
+    }
+  }
+
+  ~JVMThreadNames() {
+    if (myName != nullptr) {
+      myJVMTI->Deallocate(reinterpret_cast<unsigned char*>(myName));
+    }
+    if (myGroupName != nullptr) {
+      myJVMTI->Deallocate(reinterpret_cast<unsigned char*>(myGroupName));
+    }
+  }
+};
+
+}  // namespace
+
+void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  LockHolder holder(&ourLock, "JVMTI_Agent(612)");
+  KASSERT(thread != nullptr);
+  JVMThreadNames names(jvmti, env, thread);
+  ThreadInfo* info = new ThreadInfo(names.myValid && names.myName != nullptr ? names.myName : "",
+                                    names.myValid ? names.myGroupName : nullptr, getCurrentThreadID());
+  check_JVMTI_error(ourJVMTI->SetThreadLocalStorage(thread, info));
+  ourAllThreadInfos.add(info);
+}
+
+void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  LockHolder holder(&ourLock, "JVMTI_Agent(640)");
+  ThreadInfo* info = nullptr;
+  if (ourJVMTI->GetThreadLocalStorage(thread, reinterpret_cast<void**>(&info)) != JVMTI_ERROR_NONE) {
+    info = nullptr;
+  }
+  if (info != nullptr) {
+    info->makeSureThreadHasName(env, thread);
+    check_JVMTI_error(ourJVMTI->SetThreadLocalStorage(thread, nullptr));
+  }
+  DeadThreadFolder::threadEnded(info);
+}

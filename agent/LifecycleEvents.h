@@ -1,0 +1,20 @@
+#ifndef KJP_LIFECYCLEEVENTS_H
+#define KJP_LIFECYCLEEVENTS_H
+
+#include <jni.h>
+#include <jvmti.h>
+
+// The JVMTI event callbacks of the JVM's life and of its threads' lives.
+void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env);
+void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
+void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env);
+void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
+void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
+
+// Prints the outcome of starting a measurement, unless quiet.
+void reportStartResult(int code, const char* okText, const char* failText);
+
+// A java.lang.Thread object for JVMTI RunAgentThread.
+jthread createAgentThread(JNIEnv* env, const char* name);
+
+#endif
