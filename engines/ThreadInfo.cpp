@@ -1,0 +1,116 @@
+#include "engines/ThreadInfo.h"
+
+#include <string.h>
+
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KString.h"
+#include "db/StringPool.h"
+#include "engines/J2EEIndex.h"
+
+ThreadInfo* ourOldestDeadThreads = nullptr;
+ThreadInfo* ourVMStartThread = nullptr;
+
+jint ThreadInfo::ourRunningNumber = 0;
+IndexPool ThreadInfo::ourIndexForTFIPool(1);
+
+bool isAgentThreadName(const char* name) {
+  if (name == nullptr) {
+    return false;
+  }
+  return strcmp(name, "(GC Main Thread)") == 0 || KString::startsWith(name, "KJPAgent-");
+}
+
+ThreadInfo::ThreadInfo(const char* name, const char* groupName, jlong threadID)
+    : myThreadID(threadID),
+      myThreadTableIndex(0),
+      myIndexForTFI(0),
+      myRunningNumber(0),
+      myEntryTimesNs(10),
+      myJ2EETimesStack(10),
+      myJ2EERecordsStack(10),
+      myCurrentFrameIndex(-1),
+      myIsAgentThread(false),
+      myLastCPUTimeNs(0),
+      myNeedsWallTimeCorrection(false),
+      myFilteredCallsStack(64) {
+  init();
+  myIsAgentThread = isAgentThreadName(name);
+  StringPool* strings = ourDB->myStrPool;
+  ThreadRecord* record = getThreadRecord();
+  record->myNameStrID = strings->getDBIndex(name == nullptr ? "" : name, true);
+  record->myGroupStrID = strings->getDBIndex(groupName == nullptr ? "" : groupName, true);
+  record->myIndexForTFI = myIndexForTFI;
+  record->myRunningNumber = myRunningNumber;
+  record->myThreadID = myThreadID;
+  record->myModificationStamp = ourDB->myModificationStamp;
+}
+
+void ThreadInfo::init() {
+  myCurrentFrameIndex = -1;
+  myLastCPUTimeNs = 0;
+  myNeedsWallTimeCorrection = false;
+  myThreadTableIndex = ourDB->myThreadTable->getIndexPool().nextIndex();
+  myIndexForTFI = ourIndexForTFIPool.nextIndex();
+  myRunningNumber = ++ourRunningNumber;
+}
+
+void ThreadInfo::updateName(const char* name) {
+  jint nameIndex = ourDB->myStrPool->getDBIndex(name, true);
+  ThreadRecord* record = getThreadRecord();
+  // Only the index decides: a name already pooled for another thread still updates this row.
+  if (nameIndex != record->myNameStrID) {
+    record->myNameStrID = nameIndex;
+    record->myModificationStamp = ourDB->myModificationStamp;
+    // A thread that takes an agent name is exempted late; one that loses it is profiled.
+    myIsAgentThread = isAgentThreadName(name);
+  }
+}
+
+void ThreadInfo::makeSureThreadHasName(JNIEnv* env, jthread thread) {
+  jvmtiThreadInfo info;
+  memset(&info, 0, sizeof(info));
+  if (ourJVMTI->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) {
+    return;
+  }
+  if (info.thread_group != nullptr) {
+    env->DeleteLocalRef(info.thread_group);
+  }
+  if (info.context_class_loader != nullptr) {
+    env->DeleteLocalRef(info.context_class_loader);
+  }
+  if (info.name == nullptr) {
+    return;
+  }
+  updateName(info.name);
+  deallocate(info.name);
+}
+
+J2EERecord* ThreadInfo::getJ2EERecord(jint stringIndex, jint kind, jint frameIndex) {
+  jint row = ourDB->myJ2EEIndex->getIndex(stringIndex, kind, frameIndex, myRunningNumber);
+  return ourDB->myJ2EETable->getRecord(row, true);
+}
+
+void ThreadInfo::clearCPUAndJ2EEInfo() {
+  myLastCPUTimeNs = 0;
+  myCurrentFrameIndex = -1;
+  myEntryTimesNs.clear();
+  myJ2EETimesStack.clear();
+  myJ2EERecordsStack.clear();
+  myFilteredCallsStack.clear();
+  ourDB->myJ2EEIndex->clearThread(myRunningNumber);
+  myNeedsWallTimeCorrection = false;
+}
+
+ThreadInfo* getThreadInfoJVMTI(jthread thread) {
+  jvmtiPhase phase;
+  check_JVMTI_error(ourJVMTI->GetPhase(&phase));
+  if (phase == JVMTI_PHASE_START) {
+    return ourVMStartThread;
+  }
+  void* data = nullptr;
+  if (ourJVMTI->GetThreadLocalStorage(thread, &data) != JVMTI_ERROR_NONE) {
+    return nullptr;
+  }
+  return static_cast<ThreadInfo*>(data);
+}

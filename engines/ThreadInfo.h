@@ -1,0 +1,102 @@
+#ifndef KJP_THREADINFO_H
+#define KJP_THREADINFO_H
+
+#include <jni.h>
+#include <jvmti.h>
+
+#include "agent/KVector.h"
+#include "db/DB.h"
+#include "db/IndexPool.h"
+#include "engines/ThreadFrameIndex.h"
+
+// Per-thread state of every engine, one per live Java thread plus two pseudo-threads. A thread
+// finds its own through JVMTI thread-local storage (getThreadInfoJVMTI), which needs no lock and
+// no search. Everything it records lives in the database under its running number or its TFI
+// slot; the object itself holds only the state of calls in progress.
+//
+// Fields other than the stacks are also read by the sampler on another thread, under ourLock.
+class ThreadInfo {
+ public:
+  // Takes a thread row, a TFI slot and a running number, and fills the thread's row. A null
+  // name or group becomes "". Whether the thread is exempt from profiling is decided on the
+  // name as given.
+  ThreadInfo(const char* name, const char* groupName, jlong threadID);
+
+  ThreadInfo(const ThreadInfo&) = delete;
+  ThreadInfo& operator=(const ThreadInfo&) = delete;
+
+  // Reads the thread's name again from the JVM and stores it when it changed: threads may
+  // rename themselves after they started.
+  void makeSureThreadHasName(JNIEnv* env, jthread thread);
+
+  // Stores the name when its string index differs from the row's, and re-decides whether the
+  // thread is one of the agent's own.
+  void updateName(const char* name);
+
+  // The thread's CPU row for a frame; null when 'create' is false and the pair has no TFI.
+  CPUProfilingRecord* getCPUProfilingRecord(jint frameIndex, bool create) {
+    jint tfi = ourDB->myThreadFrameIndex->getTFI(myIndexForTFI, frameIndex, create);
+    return tfi == -1 ? nullptr : ourDB->myCPUProfilingTable->getRecord(tfi, true);
+  }
+
+  // The thread's allocation row for a frame, made when missing.
+  AllocInfoRecord* getAllocInfo(jint frameIndex) {
+    return ourDB->myAllocInfoTable->getRecord(ourDB->myThreadFrameIndex->getTFI(myIndexForTFI, frameIndex, true),
+                                              true);
+  }
+
+  // The thread's j2ee row for an event at a frame, made when missing.
+  J2EERecord* getJ2EERecord(jint stringIndex, jint kind, jint frameIndex);
+
+  // Forgets everything the thread knows about its call stack, and its j2ee rows.
+  void clearCPUAndJ2EEInfo();
+
+  ThreadRecord* getThreadRecord() { return ourDB->myThreadTable->getRecord(myThreadTableIndex, true); }
+
+  // OS thread id; 0 for the pseudo-threads.
+  jlong myThreadID;
+  jint myThreadTableIndex;
+  // Slot in the ThreadFrameIndex; never 0 while valid.
+  jint myIndexForTFI;
+  // Lifetime-unique, never reused, never 0: the thread's identity in records.
+  jint myRunningNumber;
+  // Entry times of the open traced calls, outermost first.
+  KVector<jlong> myEntryTimesNs;
+  // Accumulated frame time at each open j2ee call.
+  KVector<jlong> myJ2EETimesStack;
+  KVector<J2EERecord*> myJ2EERecordsStack;
+  // Call-tree frame the thread is in; -1 when not known.
+  jint myCurrentFrameIndex;
+  // The agent's own thread, or otherwise exempt: every engine skips it.
+  bool myIsAgentThread;
+  // Thread CPU time at the previous sample; 0 when none yet.
+  jlong myLastCPUTimeNs;
+  // The thread's tree must be wall-time corrected before it is read.
+  bool myNeedsWallTimeCorrection;
+  // One entry per open call, true when its method is filtered.
+  KVector<bool> myFilteredCallsStack;
+
+  // The last running number given out.
+  static jint ourRunningNumber;
+  // Slots of the ThreadFrameIndex, from 1 so that 0 can mean "none".
+  static IndexPool ourIndexForTFIPool;
+
+ private:
+  void init();
+};
+
+// True for the names of the agent's own threads: exactly "(GC Main Thread)", or any name that
+// starts with "KJPAgent-". False for null.
+bool isAgentThreadName(const char* name);
+
+// The ThreadInfo of a thread, or null; a null thread means the current one. During the JVMTI
+// start phase every thread maps to ourVMStartThread. Takes no lock: a thread's slot is written
+// only by that thread's own start and end events.
+ThreadInfo* getThreadInfoJVMTI(jthread thread);
+
+// Pseudo-thread "<Oldest dead threads>", heir of every folded dead thread.
+extern ThreadInfo* ourOldestDeadThreads;
+// Pseudo-thread "VM Start", which owns whatever happens before the live phase.
+extern ThreadInfo* ourVMStartThread;
+
+#endif
