@@ -9,6 +9,8 @@
 #include "agent/Options.h"
 #include "engines/DeadThreadFolder.h"
 #include "engines/ThreadInfo.h"
+#include "snapshot/ExitSnapshot.h"
+#include "snapshot/OOMESnapshotDetector.h"
 
 void reportStartResult(int code, const char* okText, const char* failText) {
   if (ourOptions.myQuiet) {
@@ -48,6 +50,7 @@ void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
 }
 
 void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  startOOMESnapshotDetector(env);
   ourVMInitCalled = true;
 }
 
@@ -56,6 +59,7 @@ void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env) {
     return;  // nothing was started, so there is nothing to save
   }
   ourVMDeathCalled = true;
+  captureSnapshotOnExit(env);
   // The data dump event was never enabled; switching it off is kept as a harmless no-op.
   check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_DISABLE, static_cast<jvmtiEvent>(71), nullptr));
 }

@@ -1,0 +1,87 @@
+#include "snapshot/TableStream.h"
+
+#include <jvmti.h>
+
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KLock.h"
+#include "db/AbstractTable.h"
+#include "db/DB.h"
+#include "engines/ThreadInfo.h"
+#include "snapshot/SnapshotProgress.h"
+#include "snapshot/SocketWriter.h"
+
+namespace {
+
+const jint SOCKET_BUFFER_SIZE = 8192;
+
+// Threads may rename themselves at any time after they started, and no event tells: read the
+// names again before the thread table leaves. A failing GetAllThreads just leaves the names.
+void refreshThreadNames(JNIEnv* env) {
+  jint count = 0;
+  jthread* threads = nullptr;
+  if (ourJVMTI->GetAllThreads(&count, &threads) != JVMTI_ERROR_NONE) {
+    return;
+  }
+  for (jint i = 0; i < count; i++) {
+    ThreadInfo* info = getThreadInfoJVMTI(threads[i]);
+    if (info != nullptr) {
+      info->makeSureThreadHasName(env, threads[i]);
+    }
+    env->DeleteLocalRef(threads[i]);
+  }
+  deallocate(threads);
+}
+
+void updateDerivedData(JNIEnv* env, jint tableMask) {
+  if (env != nullptr && ourJVMTI != nullptr && !ourIsJRockit && (tableMask & (1 << THREAD_TABLE_ID)) != 0) {
+    refreshThreadNames(env);
+  }
+}
+
+}  // namespace
+
+void writeTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint tableMask, jint progressFrom, jint progressTo,
+                 jint progressHandle, const jint* stamps, bool writeMarker) {
+  if (db == ourDB) {
+    updateDerivedData(env, tableMask);
+  }
+  installTableProgressReporter();
+  jint step = (progressTo - progressFrom) / TABLE_COUNT;
+  jint from = progressFrom;
+  for (jint i = 0; i < TABLE_COUNT; i++, from += step) {
+    if ((tableMask & (1 << i)) == 0) {
+      continue;
+    }
+    if (writeMarker) {
+      writer.writeByte(42);
+    }
+    writer.writeInt(i);
+    db->myTables[i]->writeTable(writer, stamps == nullptr ? 0 : stamps[i], from, from + step, progressHandle);
+  }
+}
+
+void writeAllTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint progressFrom, jint progressTo,
+                    jint progressHandle) {
+  writeTables(env, db, writer, ALL_TABLES_MASK, progressFrom, progressTo, progressHandle, nullptr, true);
+}
+
+void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const jint* stamps) {
+  LockHolder holder(&ourLock, "TableStream(71)");
+  SocketWriter writer(socketFD, SOCKET_BUFFER_SIZE, true);
+  writeTables(env, db, writer, tableMask, 0, 0, 0, stamps, false);
+  writer.writeInt(-1);
+  // Rows changed from now on carry a greater stamp than anything this update sent.
+  db->myModificationStamp++;
+  writer.flush();
+}
+
+extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_writeTables(JNIEnv* env, jclass, jint socketFD,
+                                                                            jint tableMask, jintArray stamps) {
+  jint copy[TABLE_STAMP_COUNT] = {0};
+  if (stamps != nullptr) {
+    jint length = env->GetArrayLength(stamps);
+    env->GetIntArrayRegion(stamps, 0, length < TABLE_STAMP_COUNT ? length : TABLE_STAMP_COUNT, copy);
+  }
+  writeTableUpdate(env, ourDB, socketFD, tableMask, copy);
+}
