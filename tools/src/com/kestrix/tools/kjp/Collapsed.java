@@ -1,0 +1,86 @@
+package com.kestrix.tools.kjp;
+
+import java.io.IOException;
+import java.util.Arrays;
+import java.util.Comparator;
+
+/**
+ * Folded stacks: one line a call path, its frames from the root joined by ";", then a blank and
+ * the path's own value. The format that flame-graph scripts and speedscope read. Per-thread
+ * trees get the thread's name as their first frame. Lines come depth first, siblings by name,
+ * and are written as they are made: a long profile has more path text than fits in memory.
+ */
+final class Collapsed {
+    enum Value {
+        /** Own CPU time in nanoseconds. */
+        TIME,
+        /** Invocations of the path's last method. */
+        COUNT
+    }
+
+    private Collapsed() {
+    }
+
+    /** Writes the lines of paths whose value is above 0. */
+    static void write(Profile profile, Iterable<CallTree> trees, Value value, Appendable out) throws IOException {
+        StringBuilder path = new StringBuilder();
+        for (CallTree tree : trees) {
+            path.setLength(0);
+            if (tree.myThread != null) {
+                path.append(frameName(tree.myThread.name()));
+            }
+            int[] pathLength = new int[tree.size()];
+            int[] stack = new int[64];
+            int top = 0;
+            pathLength[0] = path.length();
+            // Children are pushed in reverse, so that the first by name comes out first.
+            int[] rootChildren = childrenByName(profile, tree, 0);
+            for (int i = rootChildren.length - 1; i >= 0; i--) {
+                stack = push(stack, top++, rootChildren[i]);
+            }
+            while (top > 0) {
+                int node = stack[--top];
+                path.setLength(pathLength[tree.myParent[node]]);
+                if (path.length() > 0) {
+                    path.append(';');
+                }
+                path.append(frameName(profile.compactMethodName(tree.myMethod[node])));
+                pathLength[node] = path.length();
+                long v = value == Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+                if (v > 0) {
+                    out.append(path).append(' ').append(Long.toString(v)).append('\n');
+                }
+                int[] children = childrenByName(profile, tree, node);
+                for (int i = children.length - 1; i >= 0; i--) {
+                    stack = push(stack, top++, children[i]);
+                }
+            }
+        }
+    }
+
+    static int[] childrenByName(Profile profile, CallTree tree, int node) {
+        int n = 0;
+        for (int child = tree.myFirstChild[node]; child != -1; child = tree.myNextSibling[child]) {
+            n++;
+        }
+        Integer[] children = new Integer[n];
+        n = 0;
+        for (int child = tree.myFirstChild[node]; child != -1; child = tree.myNextSibling[child]) {
+            children[n++] = child;
+        }
+        Arrays.sort(children, Comparator.comparing((Integer c) -> profile.compactMethodName(tree.myMethod[c]))
+                .thenComparingInt(c -> tree.myFrame[c]));
+        return Arrays.stream(children).mapToInt(Integer::intValue).toArray();
+    }
+
+    private static int[] push(int[] stack, int at, int value) {
+        int[] result = at < stack.length ? stack : Arrays.copyOf(stack, stack.length * 2);
+        result[at] = value;
+        return result;
+    }
+
+    /** A frame without the characters that separate frames and values. */
+    static String frameName(String name) {
+        return name.replace(';', ':').replace('\n', ' ').replace('\r', ' ');
+    }
+}

@@ -1,0 +1,314 @@
+package com.kestrix.tools.kjp;
+
+import com.kestrix.tools.snapshot.Snapshot;
+import com.kestrix.tools.snapshot.SnapshotFormatException;
+import com.kestrix.tools.snapshot.SnapshotReader;
+import java.io.BufferedWriter;
+import java.io.IOException;
+import java.io.OutputStreamWriter;
+import java.io.PrintStream;
+import java.io.PrintWriter;
+import java.io.Writer;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.time.ZoneId;
+import java.util.LinkedHashSet;
+import java.util.List;
+import java.util.Locale;
+import java.util.Set;
+
+/**
+ * The kjp command: reads a snapshot of the Kestrix Java Profiler and prints what is in it, as a
+ * report, a flame graph page or folded stacks. Problems with the file or the arguments end in
+ * one line of text and a non-zero status, never in a stack trace.
+ */
+public final class Kjp {
+    static final int OK = 0;
+    static final int FILE_ERROR = 1;
+    static final int USAGE_ERROR = 2;
+
+    static final String USAGE = String.join("\n",
+            "Usage: kjp <command> [options] SNAPSHOT",
+            "",
+            "Commands:",
+            "  report     the session, its threads, CPU hot spots and the hottest call paths",
+            "  flame      an interactive flame graph: one self-contained HTML page (needs -o)",
+            "  collapsed  folded stacks, one call path a line, as flame-graph tools and speedscope read them",
+            "",
+            "Options:",
+            "  -o, --output FILE     write to FILE instead of standard output",
+            "  --thread NAME         only threads of this name (may be given more than once)",
+            "  --format text|json    report: plain text (default) or JSON for scripts",
+            "  --top N               report: methods in each hot-spot table (default 20)",
+            "  --paths N             report: hottest call paths to show (default 10)",
+            "  --by-thread           report: figures for each thread instead of all threads together",
+            "  --merged              flame, collapsed: all threads in one tree, without a thread level",
+            "  --value time|count    flame, collapsed: own CPU time in nanoseconds (default) or invocations",
+            "  --min-percent P       flame: leave out frames narrower than P percent of the total (default 0.01)",
+            "  -h, --help            show this text",
+            "",
+            "Example: kjp report ~/Snapshots/MyApp-2025-01-31-shutdown.snapshot",
+            "");
+
+    /** Thrown for arguments that make no sense; its message goes to the user with the usage hint. */
+    static final class UsageException extends Exception {
+        private static final long serialVersionUID = 1L;
+
+        UsageException(String message) {
+            super(message);
+        }
+    }
+
+    /** The parsed command line. */
+    static final class Arguments {
+        String command;
+        Path file;
+        Path output;
+        String format = "text";
+        int top = 20;
+        int paths = 10;
+        boolean byThread;
+        boolean merged;
+        Collapsed.Value value = Collapsed.Value.TIME;
+        double minPercent = 0.01;
+        final Set<String> threads = new LinkedHashSet<>();
+    }
+
+    private Kjp() {
+    }
+
+    public static void main(String[] args) {
+        PrintStream out = new PrintStream(System.out, false, StandardCharsets.UTF_8);
+        PrintStream err = new PrintStream(System.err, true, StandardCharsets.UTF_8);
+        int status = run(args, out, err, ZoneId.systemDefault());
+        out.flush();
+        System.exit(status);
+    }
+
+    /** Runs one command; returns the exit status. */
+    static int run(String[] args, PrintStream out, PrintStream err, ZoneId zone) {
+        Arguments arguments;
+        try {
+            arguments = parse(args);
+        } catch (UsageException e) {
+            err.println("kjp: " + e.getMessage());
+            err.println("Run 'kjp --help' for the commands and options.");
+            return USAGE_ERROR;
+        }
+        if (arguments == null) {
+            out.print(USAGE);
+            return OK;
+        }
+        String file = arguments.file.toString();
+        try {
+            Snapshot snapshot = SnapshotReader.read(arguments.file);
+            execute(arguments, snapshot, out, zone);
+            return OK;
+        } catch (SnapshotFormatException e) {
+            err.println("kjp: " + file + ": " + e.getMessage());
+            return FILE_ERROR;
+        } catch (UsageException e) {
+            err.println("kjp: " + e.getMessage());
+            return USAGE_ERROR;
+        } catch (IOException e) {
+            err.println("kjp: " + file + ": " + describe(e));
+            return FILE_ERROR;
+        } catch (OutOfMemoryError e) {
+            err.println("kjp: " + file + ": not enough memory; give kjp more with KJP_JAVA_OPTS=-Xmx4g (or more)");
+            return FILE_ERROR;
+        } catch (RuntimeException e) {
+            err.println("kjp: " + file + ": cannot be read: " + describe(e));
+            return FILE_ERROR;
+        }
+    }
+
+    private static String describe(Throwable e) {
+        String message = e.getMessage();
+        String kind = e.getClass().getSimpleName();
+        if (e instanceof java.nio.file.AccessDeniedException) {
+            return "permission denied";
+        }
+        if (e instanceof java.nio.file.NoSuchFileException) {
+            return "no such file or directory";
+        }
+        return message == null || message.isEmpty() ? kind : message;
+    }
+
+    private static void execute(Arguments a, Snapshot snapshot, PrintStream out, ZoneId zone)
+            throws IOException, UsageException {
+        Profile profile = new Profile(snapshot);
+        for (String name : a.threads) {
+            if (profile.threads().stream().noneMatch(t -> t.name().equals(name))) {
+                throw new SnapshotFormatException("has no thread named '" + name + "'");
+            }
+        }
+        if (a.value == Collapsed.Value.COUNT && !profile.hasCounts()) {
+            throw new SnapshotFormatException("has no invocation counts: they are recorded with tracing, not sampling");
+        }
+        try (Writer writer = openOutput(a.output, out)) {
+            switch (a.command) {
+                case "report": {
+                    Report report = new Report(profile, new Report.Settings(a.top, a.paths, a.byThread, a.threads));
+                    if (a.format.equals("json")) {
+                        writer.write(JsonReport.render(report));
+                        writer.write('\n');
+                    } else {
+                        PrintWriter printer = new PrintWriter(writer);
+                        new TextReport(report, zone, printer).write();
+                        printer.flush();
+                    }
+                    break;
+                }
+                case "collapsed":
+                    Collapsed.write(profile, profile.callTrees(a.merged, a.threads), a.value, writer);
+                    break;
+                case "flame": {
+                    List<CallTree> trees = profile.callTrees(a.merged, a.threads);
+                    String session = snapshot.header().sessionName();
+                    String title = "Flame graph: " + (session.isEmpty() ? snapshot.file().getFileName() : session);
+                    String subtitle = (a.value == Collapsed.Value.TIME ? "CPU time" : "invocations")
+                            + (a.merged ? ", all threads merged" : ", by thread") + " - "
+                            + snapshot.file().getFileName();
+                    new FlameGraph(profile, a.value, a.minPercent).write(trees, title, subtitle, writer);
+                    break;
+                }
+                default:
+                    throw new IllegalStateException(a.command);
+            }
+        }
+    }
+
+    /** A buffered writer on the file, or on standard output, which stays open. */
+    private static Writer openOutput(Path output, PrintStream out) throws IOException {
+        if (output == null) {
+            return new BufferedWriter(new OutputStreamWriter(out, StandardCharsets.UTF_8)) {
+                @Override
+                public void close() throws IOException {
+                    flush();
+                }
+            };
+        }
+        return Files.newBufferedWriter(output, StandardCharsets.UTF_8);
+    }
+
+    /** The arguments, or null when help was asked for. */
+    static Arguments parse(String[] args) throws UsageException {
+        Arguments a = new Arguments();
+        for (int i = 0; i < args.length; i++) {
+            String arg = args[i];
+            switch (arg) {
+                case "-h":
+                case "--help":
+                case "help":
+                    if (a.command == null || arg.startsWith("-")) {
+                        return null;
+                    }
+                    positional(a, arg);
+                    break;
+                case "-o":
+                case "--output":
+                    a.output = Paths.get(value(args, ++i, arg));
+                    break;
+                case "--thread":
+                    a.threads.add(value(args, ++i, arg));
+                    break;
+                case "--format":
+                    a.format = value(args, ++i, arg).toLowerCase(Locale.ROOT);
+                    if (!a.format.equals("text") && !a.format.equals("json")) {
+                        throw new UsageException("--format must be text or json, not '" + a.format + "'");
+                    }
+                    break;
+                case "--top":
+                    a.top = positiveNumber(value(args, ++i, arg), arg);
+                    break;
+                case "--paths":
+                    a.paths = positiveNumber(value(args, ++i, arg), arg);
+                    break;
+                case "--by-thread":
+                    a.byThread = true;
+                    break;
+                case "--merged":
+                    a.merged = true;
+                    break;
+                case "--value": {
+                    String v = value(args, ++i, arg).toLowerCase(Locale.ROOT);
+                    if (v.equals("time")) {
+                        a.value = Collapsed.Value.TIME;
+                    } else if (v.equals("count")) {
+                        a.value = Collapsed.Value.COUNT;
+                    } else {
+                        throw new UsageException("--value must be time or count, not '" + v + "'");
+                    }
+                    break;
+                }
+                case "--min-percent": {
+                    String v = value(args, ++i, arg);
+                    try {
+                        a.minPercent = Double.parseDouble(v);
+                    } catch (NumberFormatException e) {
+                        throw new UsageException("--min-percent needs a number, not '" + v + "'");
+                    }
+                    if (!(a.minPercent >= 0 && a.minPercent < 100)) {
+                        throw new UsageException("--min-percent must be at least 0 and below 100");
+                    }
+                    break;
+                }
+                default:
+                    if (arg.startsWith("-") && arg.length() > 1) {
+                        throw new UsageException("unknown option '" + arg + "'");
+                    }
+                    positional(a, arg);
+            }
+        }
+        if (a.command == null) {
+            throw new UsageException("no command given");
+        }
+        if (a.file == null) {
+            throw new UsageException(a.command + ": no snapshot file given");
+        }
+        if (a.command.equals("flame") && a.output == null) {
+            throw new UsageException("flame writes an HTML page: name it with -o FILE.html");
+        }
+        if (!a.command.equals("report") && (a.byThread || !a.format.equals("text"))) {
+            throw new UsageException("--by-thread and --format belong to report");
+        }
+        if (a.command.equals("report") && (a.merged || a.value != Collapsed.Value.TIME)) {
+            throw new UsageException("--merged and --value belong to flame and collapsed");
+        }
+        return a;
+    }
+
+    private static void positional(Arguments a, String arg) throws UsageException {
+        if (a.command == null) {
+            if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed")) {
+                throw new UsageException("unknown command '" + arg + "'");
+            }
+            a.command = arg;
+        } else if (a.file == null) {
+            a.file = Paths.get(arg);
+        } else {
+            throw new UsageException("one snapshot file at a time; '" + arg + "' is one too many");
+        }
+    }
+
+    private static String value(String[] args, int i, String option) throws UsageException {
+        if (i >= args.length) {
+            throw new UsageException(option + " needs a value");
+        }
+        return args[i];
+    }
+
+    private static int positiveNumber(String text, String option) throws UsageException {
+        try {
+            int n = Integer.parseInt(text);
+            if (n > 0) {
+                return n;
+            }
+        } catch (NumberFormatException e) {
+            // reported below
+        }
+        throw new UsageException(option + " needs a positive whole number, not '" + text + "'");
+    }
+}

@@ -1,0 +1,143 @@
+package com.kestrix.tools.kjp;
+
+import com.kestrix.tools.snapshot.SnapshotFormatException;
+import com.kestrix.tools.snapshot.SnapshotHeader;
+import java.util.ArrayList;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+
+/**
+ * What "kjp report" shows, gathered once and rendered as text or JSON: the session, the threads
+ * and, for all threads together or for each thread, the hot spots and the hottest call paths.
+ */
+final class Report {
+    record Settings(int topMethods, int topPaths, boolean byThread, Set<String> threadNames) {
+    }
+
+    record ThreadLine(Profile.ThreadEntry thread, Long cpuNs) {
+    }
+
+    record HotSpot(String method, long ownNs, long totalNs, long invocations) {
+    }
+
+    record HotPath(long ownNs, long totalNs, long invocations, List<String> methodsLeafFirst) {
+    }
+
+    /** The figures of one thread, or of all selected threads when 'thread' is null. */
+    record Section(String thread, long cpuNs, List<HotSpot> byOwnTime, List<HotSpot> byTotalTime,
+            List<HotPath> paths) {
+    }
+
+    final Profile myProfile;
+    final SnapshotHeader myHeader;
+    final Settings mySettings;
+    final List<ThreadLine> myThreads = new ArrayList<>();
+    final List<Section> mySections = new ArrayList<>();
+    /** CPU time of all selected threads. */
+    final long myCpuNs;
+    final int myThreadsWithCpu;
+
+    Report(Profile profile, Settings settings) throws SnapshotFormatException {
+        myProfile = profile;
+        myHeader = profile.header();
+        mySettings = settings;
+        List<CallTree> perThread = profile.callTrees(false, settings.threadNames());
+        Map<Profile.ThreadEntry, Long> cpuByThread = new HashMap<>();
+        long cpu = 0;
+        for (CallTree tree : perThread) {
+            long own = tree.totalOwnTime();
+            cpuByThread.put(tree.myThread, own);
+            cpu += own;
+        }
+        myCpuNs = cpu;
+        myThreadsWithCpu = perThread.size();
+        for (Profile.ThreadEntry thread : profile.threads()) {
+            if (settings.threadNames().isEmpty() || settings.threadNames().contains(thread.name())) {
+                myThreads.add(new ThreadLine(thread, thread.slot() == 0 ? null : cpuByThread.get(thread)));
+            }
+        }
+        if (perThread.isEmpty()) {
+            return;
+        }
+        if (settings.byThread()) {
+            for (CallTree tree : perThread) {
+                mySections.add(section(tree.myName, List.of(tree)));
+            }
+        } else {
+            mySections.add(section(null, profile.callTrees(true, settings.threadNames())));
+        }
+    }
+
+    private Section section(String thread, List<CallTree> trees) {
+        List<HotSpots.MethodFigures> figures = HotSpots.byMethod(trees);
+        long cpu = 0;
+        for (CallTree tree : trees) {
+            cpu += tree.totalOwnTime();
+        }
+        List<HotSpot> byOwn = new ArrayList<>();
+        for (HotSpots.MethodFigures f : figures) {
+            if (byOwn.size() == mySettings.topMethods() || f.ownNs() == 0) {
+                break;
+            }
+            byOwn.add(hotSpot(f));
+        }
+        figures.sort(HotSpots.BY_TOTAL);
+        List<HotSpot> byTotal = new ArrayList<>();
+        for (HotSpots.MethodFigures f : figures) {
+            if (byTotal.size() == mySettings.topMethods() || f.totalNs() == 0) {
+                break;
+            }
+            byTotal.add(hotSpot(f));
+        }
+        List<HotPath> paths = new ArrayList<>();
+        for (HotSpots.PathFigures p : HotSpots.hottestPaths(trees, mySettings.topPaths())) {
+            List<String> names = new ArrayList<>();
+            for (int method : p.methodsLeafFirst()) {
+                names.add(myProfile.methodName(method));
+            }
+            paths.add(new HotPath(p.ownNs(), p.totalNs(), p.invocations(), names));
+        }
+        return new Section(thread, cpu, byOwn, byTotal, paths);
+    }
+
+    private HotSpot hotSpot(HotSpots.MethodFigures f) {
+        return new HotSpot(myProfile.methodName(f.method()), f.ownNs(), f.totalNs(), f.invocations());
+    }
+
+    /** How the CPU data was taken, in words. */
+    String cpuMode() {
+        if (myThreadsWithCpu == 0) {
+            return "no CPU data recorded";
+        }
+        return myProfile.hasCounts() ? "tracing, with invocation counts" : "sampling";
+    }
+
+    /** "OpenJDK 64-Bit Server VM 17.0.9 (17.0.9+9-Debian), Debian" from the JVM's properties, or null. */
+    String jvm() {
+        String name = myProfile.property("java.vm.name");
+        String version = myProfile.property("java.version");
+        String vmVersion = myProfile.property("java.vm.version");
+        String vendor = myProfile.property("java.vm.vendor");
+        if (name == null && version == null && vmVersion == null) {
+            return null;
+        }
+        StringBuilder text = new StringBuilder(name == null ? "JVM" : name);
+        if (version != null) {
+            text.append(' ').append(version);
+        }
+        if (vmVersion != null && !vmVersion.equals(version)) {
+            text.append(version != null ? " (" + vmVersion + ")" : " " + vmVersion);
+        }
+        if (vendor != null && !vendor.isEmpty()) {
+            text.append(", ").append(vendor);
+        }
+        return text.toString();
+    }
+
+    /** The command line's main class and arguments, when the snapshot has them. */
+    String command() {
+        return myProfile.property("sun.java.command");
+    }
+}
