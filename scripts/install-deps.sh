@@ -12,6 +12,7 @@ PACKAGES=(
   junit5                          # Java tests
   libasm-java                     # verifier for instrumented classes
   openjdk-17-source               # a large real-world source tree for end-to-end checks
+  chromium                        # headless check of the kjp flame graph page
 )
 
 missing=()

@@ -87,8 +87,8 @@ public final class Kjp {
         System.exit(status);
     }
 
-    /** Runs one command; returns the exit status. */
-    static int run(String[] args, PrintStream out, PrintStream err, ZoneId zone) {
+    /** Runs one command with the given streams and time zone; returns the exit status. */
+    public static int run(String[] args, PrintStream out, PrintStream err, ZoneId zone) {
         Arguments arguments;
         try {
             arguments = parse(args);

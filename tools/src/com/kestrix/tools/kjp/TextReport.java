@@ -47,8 +47,8 @@ final class TextReport {
         writeThreads();
         if (myReport.mySections.isEmpty()) {
             myOut.println();
-            myOut.println("No CPU data in this snapshot: start the profiled JVM with");
-            myOut.println("-agentlib:kjpagent=sampling (or =tracing for invocation counts).");
+            myOut.println("No CPU data in this snapshot: CPU times are recorded while sampling or tracing");
+            myOut.println("runs (-agentlib:kjpagent=sampling, or =tracing for invocation counts).");
         }
         for (Report.Section section : myReport.mySections) {
             writeSection(section);
