@@ -7,6 +7,7 @@
 #include <jni.h>
 #include <stdint.h>
 
+#include "agent/FileUtil.h"
 #include "agent/JNIUtil.h"
 #include "agent/KAssert.h"
 #include "agent/KString.h"
@@ -14,6 +15,8 @@
 #include "db/StringPool.h"
 #include "engines/J2EEIndex.h"
 #include "engines/ThreadFrameIndex.h"
+#include "snapshot/SnapshotFile.h"
+#include "snapshot/SnapshotWriter.h"
 
 namespace {
 
@@ -178,6 +181,37 @@ JNIEXPORT jint JNICALL Java_com_kestrix_Natives_dbNgetTeleValueImpl(JNIEnv*, jcl
 
 JNIEXPORT jstring JNICALL Java_com_kestrix_Natives_dbNgetDatabaseStatisticsImpl(JNIEnv* env, jclass, jlong db) {
   return newStringUTF(env, toDB(db)->getStatistics());
+}
+
+// Re-saves an opened snapshot: header and tables. Null means success, otherwise the text of
+// the failure. A snapshot whose object graph is held in an object storage can't be re-saved by
+// this build: that needs the storage's cached counts and index section in the file.
+JNIEXPORT jstring JNICALL Java_com_kestrix_Natives_dbNwriteSnapshotImpl(JNIEnv* env, jclass, jlong db,
+                                                                          jlong objectStorage, jstring file,
+                                                                          jlong flags, jlong startTime,
+                                                                          jstring sessionName) {
+  if (objectStorage != 0) {
+    throwException(env, "Snapshots with an object storage cannot be re-saved");
+    return nullptr;
+  }
+  int fd = openFileForWrite(env, file);
+  if (fd == -1) {
+    return newStringUTF(env, "Cannot open file to write snapshot");
+  }
+  DB* database = toDB(db);
+  database->myStartTime = startTime;
+  database->mySessionName = createUTFKStringFromJString(env, sessionName);
+  jstring result = nullptr;
+  {
+    SnapshotWriter writer(fd, SNAPSHOT_BUFFER_SIZE, true);
+    writeSnapshot(env, database, writer, 0, flags);
+    writer.flush();
+    if (writer.getError() != nullptr) {
+      result = newStringUTF(env, writer.getError());
+    }
+  }
+  closeFile(fd);
+  return result;
 }
 
 }  // extern "C"

@@ -224,4 +224,13 @@ public final class Natives {
 
     /** A text describing the size and fill of every table. */
     public static native String dbNgetDatabaseStatisticsImpl(long db);
+
+    /**
+     * Writes the database to a snapshot file with the given flags, session start time (seconds
+     * since 1970) and session name. Returns null on success, else the text of the failure.
+     * objectStorage must be 0: re-saving a snapshot together with its object storage is not
+     * available and throws a RuntimeException.
+     */
+    public static native String dbNwriteSnapshotImpl(long db, long objectStorage, String file, long flags,
+            long startTime, String sessionName);
 }

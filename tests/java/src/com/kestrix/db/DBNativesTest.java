@@ -3,13 +3,22 @@ package com.kestrix.db;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.Natives;
+import com.kestrix.tools.snapshot.Snapshot;
+import com.kestrix.tools.snapshot.SnapshotReader;
+import com.kestrix.tools.snapshot.Table;
+import com.kestrix.tools.snapshot.TableLayout;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.Set;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
 
 /** The UI's own record database, driven through the natives of the agent library. */
 class DBNativesTest {
@@ -231,5 +240,41 @@ class DBNativesTest {
         Natives.dbNsetRecordModificationStampImpl(db, Natives.TABLE_J2EE, 4, 1);
         Natives.dbNfillJ2EEIndexImpl(db);
         assertEquals(1280, Natives.dbNgetNextIndexFromPoolImpl(db, Natives.TABLE_J2EE));
+    }
+
+    @Test
+    void aDatabaseFilledThroughTheNativesIsSavedAsASnapshotAndReadBack(@TempDir Path dir) throws Exception {
+        int name = Natives.dbNgetStrIDImpl(db, "worker", true);
+        int group = Natives.dbNgetStrIDImpl(db, "main", true);
+        Natives.dbNsetIntFieldImpl(db, Natives.FIELD_THREAD_NAME_STR_ID, 1, name);
+        Natives.dbNsetIntFieldImpl(db, Natives.FIELD_THREAD_GROUP_STR_ID, 1, group);
+        Natives.dbNsetIntFieldImpl(db, Natives.FIELD_THREAD_RUNNING_NUMBER, 1, 3);
+        Natives.dbNsetLongFieldImpl(db, Natives.FIELD_THREAD_THREAD_ID, 1, 4242L);
+        Natives.dbNsetRecordModificationStampImpl(db, Natives.TABLE_THREAD, 1, 2);
+        // Filled but never stamped: not part of the file.
+        Natives.dbNsetIntFieldImpl(db, Natives.FIELD_THREAD_RUNNING_NUMBER, 2, 4);
+
+        Path file = dir.resolve("copy.snapshot");
+        assertNull(Natives.dbNwriteSnapshotImpl(db, 0L, file.toString(), 32L, 1234567890L, "session \u00e9"));
+        Snapshot snapshot = SnapshotReader.read(file);
+        assertEquals(1234567890L, snapshot.header().startTimeSeconds());
+        assertEquals("session \u00e9", snapshot.header().sessionName());
+        assertEquals(32L | 512L, snapshot.header().flags());
+        assertEquals(4, snapshot.header().oidWidth());
+        Table threads = snapshot.table(TableLayout.THREAD);
+        assertEquals(1, threads.size());
+        assertEquals(1, threads.index(0));
+        assertEquals(2, threads.stamp(0));
+        assertEquals("worker", snapshot.string(threads.getInt(0, 0)));
+        assertEquals("main", snapshot.string(threads.getInt(0, 1)));
+        assertEquals(4242L, threads.getLong(0, 4));
+        assertTrue(snapshot.hasTable(TableLayout.TELE));
+
+        assertEquals("Cannot open file to write snapshot",
+                Natives.dbNwriteSnapshotImpl(db, 0L, dir.resolve("missing/dir/x.snapshot").toString(), 0L, 0L, ""));
+        Path untouched = Files.writeString(dir.resolve("kept.snapshot"), "old");
+        assertThrows(RuntimeException.class,
+                () -> Natives.dbNwriteSnapshotImpl(db, 1L, untouched.toString(), 0L, 0L, ""));
+        assertEquals("old", Files.readString(untouched));
     }
 }
