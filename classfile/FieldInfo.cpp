@@ -1,0 +1,60 @@
+#include "classfile/FieldInfo.h"
+
+#include "classfile/ClassFormatError.h"
+
+namespace {
+
+bool isUtf8(const ConstantPool& pool, int index) {
+  return index > 0 && index < pool.size() && pool[index] != nullptr && pool[index]->getTag() == ConstantUtf8Info::TAG;
+}
+
+}  // namespace
+
+FieldInfo::FieldInfo(DataInput& in, KVector<ConstantPoolInfo*>& pool)
+    : myAccessFlags(in.readUnsignedShort()),
+      myNameIndex(in.readUnsignedShort()),
+      myDescriptorIndex(in.readUnsignedShort()),
+      myAttributes(4) {
+  if (!isUtf8(pool, myNameIndex) || !isUtf8(pool, myDescriptorIndex)) {
+    throw ClassFormatError("a field's name or descriptor is not a string constant");
+  }
+  try {
+    int attributeCount = in.readUnsignedShort();
+    for (int i = 0; i < attributeCount; i++) {
+      myAttributes.push(AttributeInfoReader::create(in, pool));
+    }
+  } catch (...) {
+    for (int i = 0; i < myAttributes.size(); i++) {
+      delete myAttributes[i];
+    }
+    throw;
+  }
+}
+
+FieldInfo::FieldInfo(int accessFlags, int nameIndex, int descriptorIndex)
+    : myAccessFlags(accessFlags), myNameIndex(nameIndex), myDescriptorIndex(descriptorIndex), myAttributes(4) {
+  KASSERT(accessFlags >= 0);
+  KASSERT(nameIndex > 0);
+  KASSERT(descriptorIndex > 0);
+}
+
+FieldInfo::~FieldInfo() {
+  for (int i = 0; i < myAttributes.size(); i++) {
+    delete myAttributes[i];
+  }
+}
+
+bool FieldInfo::equals(int nameIndex) const {
+  KASSERT(nameIndex > 0);
+  return myNameIndex == nameIndex;
+}
+
+void FieldInfo::writeTo(DataOutput& out) const {
+  out.writeUnsignedShort(static_cast<unsigned int>(myAccessFlags));
+  out.writeUnsignedShort(static_cast<unsigned int>(myNameIndex));
+  out.writeUnsignedShort(static_cast<unsigned int>(myDescriptorIndex));
+  out.writeUnsignedShort(static_cast<unsigned int>(myAttributes.size()));
+  for (int i = 0; i < myAttributes.size(); i++) {
+    myAttributes[i]->write(out);
+  }
+}

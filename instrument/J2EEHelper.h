@@ -1,0 +1,29 @@
+#ifndef KJP_J2EEHELPER_H
+#define KJP_J2EEHELPER_H
+
+#include "agent/KSet.h"
+#include "instrument/J2EEMethod.h"
+
+// The J2EE catalogue: the JDBC, servlet, JSP and JNDI methods that are reported as J2EE
+// events. A method of a class being read is matched by name and descriptor alone; whether
+// its class really implements one of the interfaces is decided at run time.
+class J2EEHelper {
+ public:
+  static constexpr int J2EE_INSTRUMENTATION_TYPE_1 = 1;
+  static constexpr int J2EE_INSTRUMENTATION_TYPE_2 = 2;
+  static constexpr int J2EE_INSTRUMENTATION_TYPE_3 = 3;
+  static constexpr int J2EE_INSTRUMENTATION_TYPE_4 = 4;
+  static constexpr int J2EE_INSTRUMENTATION_TYPE_5 = 5;
+
+  // Filled by the one static instance at library load, before any class can be read, and
+  // never changed afterwards, so readers need no lock.
+  static KSet<const J2EEMethod*> ourAllMethods;
+  static KSet<const char*> ourAllInterfaceNames;
+
+  J2EEHelper();
+
+  // The catalogue entry with this name and descriptor, or null.
+  static const J2EEMethod* find(const char* name, const char* descriptor);
+};
+
+#endif

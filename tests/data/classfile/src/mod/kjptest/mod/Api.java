@@ -1,0 +1,7 @@
+package kjptest.mod;
+
+public class Api {
+  public static int answer() {
+    return 42;
+  }
+}

@@ -1,0 +1,4 @@
+module kjptest.mod {
+  requires java.sql;
+  exports kjptest.mod;
+}

@@ -1,0 +1,39 @@
+#include <gtest/gtest.h>
+
+#include "instrument/J2EEHelper.h"
+
+TEST(J2EEHelper, CatalogueIsFilledAtLoadAndMatchesByNameAndDescriptor) {
+  // 86 rows, of which two repeat a method under a second interface.
+  EXPECT_EQ(84, J2EEHelper::ourAllMethods.size());
+  EXPECT_EQ(12, J2EEHelper::ourAllInterfaceNames.size());
+  EXPECT_TRUE(J2EEHelper::ourAllInterfaceNames.contains("Ljavax/naming/directory/DirContext;"));
+
+  const J2EEMethod* query = J2EEHelper::find("executeQuery", "(Ljava/lang/String;)Ljava/sql/ResultSet;");
+  ASSERT_NE(nullptr, query);
+  EXPECT_EQ(J2EEHelper::J2EE_INSTRUMENTATION_TYPE_3, query->getJ2EEInstrumentationType());
+  EXPECT_EQ(1, query->getJ2EEMethodType());
+  const J2EEMethod* service =
+      J2EEHelper::find("service", "(Ljavax/servlet/http/HttpServletRequest;Ljavax/servlet/http/HttpServletResponse;)V");
+  ASSERT_NE(nullptr, service);
+  EXPECT_EQ(5, service->getJ2EEInstrumentationType());
+  EXPECT_EQ(4, service->getJ2EEMethodType());
+  const J2EEMethod* lookup = J2EEHelper::find("lookup", "(Ljavax/naming/Name;)Ljava/lang/Object;");
+  ASSERT_NE(nullptr, lookup);
+  EXPECT_EQ(4, lookup->getJ2EEInstrumentationType());
+  EXPECT_EQ(7, lookup->getJ2EEMethodType());
+
+  EXPECT_EQ(nullptr, J2EEHelper::find("executeQuery", "()V"));
+  EXPECT_EQ(nullptr, J2EEHelper::find("close", "(I)V"));
+  EXPECT_EQ(nullptr, J2EEHelper::find("", ""));
+}
+
+TEST(J2EEHelper, KeysHashLikeJavaStrings) {
+  // "close" + "()V" hashes as the Java string "close()V" does: 31*h + c over the bytes.
+  J2EEMethod close("close", "()V", 4, 1);
+  EXPECT_EQ(1092770429, close.getHash());  // "close()V".hashCode() in Java
+  J2EEMethod other("close", "()V", 0, 0);
+  const J2EEMethod* a = &close;
+  const J2EEMethod* b = &other;
+  EXPECT_TRUE(kmap_equal(a, b));
+  EXPECT_EQ(kmap_hashCode(a), kmap_hashCode(b));
+}
