@@ -10,6 +10,7 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
 #include "db/DB.h"
+#include "engines/Tracing.h"
 
 namespace {
 
@@ -136,6 +137,7 @@ void installEventCallbacks() {
   callbacks.VMStart = vmStart;
   callbacks.ThreadStart = threadStart;
   callbacks.ThreadEnd = threadEnd;
+  callbacks.Exception = exception;
   check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks))));
 
   // Events of engines that are part of the library are switched on here too, in this order.

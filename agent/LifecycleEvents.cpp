@@ -7,8 +7,11 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
 #include "agent/Options.h"
+#include "engines/CPUProfiling.h"
 #include "engines/DeadThreadFolder.h"
+#include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
+#include "engines/Tracing.h"
 #include "snapshot/ExitSnapshot.h"
 #include "snapshot/OOMESnapshotDetector.h"
 
@@ -46,10 +49,21 @@ void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
   jclass callbackClass = env->FindClass("com/kestrix/runtime/Callback");
   assertJNI(env);
   KASSERT_TEXT(callbackClass != nullptr, "callbackClass");
+  const JNINativeMethod callbackNatives[] = {
+      {const_cast<char*>("kjpMethodEntry0"), const_cast<char*>("(SS)V"),
+       reinterpret_cast<void*>(Java_com_kestrix_runtime_Callback_kjpMethodEntry0)},
+      {const_cast<char*>("kjpMethodExit0"), const_cast<char*>("(SS)V"),
+       reinterpret_cast<void*>(Java_com_kestrix_runtime_Callback_kjpMethodExit0)},
+  };
+  jint registered = env->RegisterNatives(callbackClass, callbackNatives,
+                                         static_cast<jint>(sizeof(callbackNatives) / sizeof(callbackNatives[0])));
+  KASSERT_TEXT(registered == 0, "RegisterNatives");
   env->DeleteLocalRef(callbackClass);
 }
 
 void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  startCPUProfilingFromCommandLine(env);
+  startSamplerThread(env);
   startOOMESnapshotDetector(env);
   ourVMInitCalled = true;
 }

@@ -1,0 +1,33 @@
+#ifndef KJP_CPUPROFILING_H
+#define KJP_CPUPROFILING_H
+
+#include <jni.h>
+
+// Starting and stopping CPU profiling. The runtime's Core natives and vmInit call these; the
+// mode is a set of the CPU bits of ourStatus (times, counts, j2ee).
+
+// Returns 0, or 3 when CPU profiling already runs. Reloads the filter lists from 'filters'
+// (null meaning none) and 'wallTimeSpec' (null meaning the user's wall-time file or the
+// default). A mode without the times bit, or with bits beyond the CPU ones, raises a
+// RuntimeException in 'env' and returns 0.
+jint startCPUProfiling(JNIEnv* env, jlong mode, jstring filters, jstring wallTimeSpec);
+// The same with the lists as texts, for callers that hold no Java strings.
+jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, const char* wallTimeSpec);
+
+// Stops CPU profiling, closing the open traced calls of every live thread.
+void stopCPUProfiling(JNIEnv* env);
+
+// Starts the CPU mode asked for on the command line ("tracing" or "sampling", with j2ee unless
+// "noj2ee"), reading the filter and wall-time lists of the options, and reports the outcome.
+// Does nothing when neither was asked for.
+void startCPUProfilingFromCommandLine(JNIEnv* env);
+
+// The mode bits for the command-line options; 0 when no CPU mode was asked for.
+jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE);
+
+// Switches the probes of the callback class on or off after a change of mode. Set by class
+// instrumentation, which owns the callback class; while it is null, a mode change only
+// changes ourStatus, which the probes also check.
+extern void (*ourRedefineCallback)(JNIEnv* env);
+
+#endif

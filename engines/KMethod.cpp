@@ -1,0 +1,85 @@
+#include "engines/KMethod.h"
+
+#include <string.h>
+
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KAssert.h"
+#include "agent/TextUtil.h"
+#include "db/DB.h"
+#include "db/StringPool.h"
+#include "engines/Filter.h"
+
+KMap<jmethodID, jint> ourMethodID2MethodIndex(1000);
+KMap<IntTriple, jint> ourMethodsByName(1000);
+
+namespace {
+
+const char* const CALLBACK_CLASS_NAME = "com.kestrix.runtime.Callback";
+
+}  // namespace
+
+jint KMethod::getByName(const char* methodName, const char* methodSignature, const char* className) {
+  StringPool* pool = ourDB->myStrPool;
+  IntTriple key;
+  key.myFirst = pool->getDBIndex(methodName, true);
+  key.mySecond = pool->getDBIndex(methodSignature, true);
+  key.myThird = pool->getDBIndex(className, true);
+  jint known = 0;
+  if (ourMethodsByName.get(key, &known) && known != 0) {
+    return known;
+  }
+  jint index = ourDB->myMethodTable->getIndexPool().nextIndex();
+  MethodRecord* record = ourDB->myMethodTable->getRecord(index, true);
+  record->myNameStrID = key.myFirst;
+  record->mySignatureStrID = key.mySecond;
+  record->myClassNameStrID = key.myThird;
+  record->myFlags = 0;
+  Filter::applyFilters(record);
+  // The agent's own probes and the wrappers it puts around natives are plumbing: a trace must
+  // show the wrapped method, never the wrapper.
+  if (strcmp(className, CALLBACK_CLASS_NAME) == 0 ||
+      strncmp(methodName, ourNativeMethodPrefix, strlen(ourNativeMethodPrefix)) == 0) {
+    record->myFlags |= MF_HIDDEN;
+  }
+  record->myModificationStamp = ourDB->myModificationStamp;
+  ourMethodsByName.put(key, index);
+  return index;
+}
+
+jint getMethodByName(const char* classSignature, const char* methodName, const char* methodSignature) {
+  KASSERT(classSignature);
+  KASSERT(methodName);
+  KASSERT(methodSignature);
+  char* className = classSignature2fqName(classSignature);
+  jint methodIndex = KMethod::getByName(methodName, methodSignature, className);
+  delete[] className;
+  KASSERT(methodIndex);
+  return methodIndex;
+}
+
+jint getMethodByID(JNIEnv* env, jmethodID methodID) {
+  KASSERT(methodID);
+  jint known = 0;
+  if (ourMethodID2MethodIndex.get(methodID, &known) && known != 0) {
+    return known;
+  }
+  char* methodName = nullptr;
+  char* methodSignature = nullptr;
+  check_JVMTI_error(ourJVMTI->GetMethodName(methodID, &methodName, &methodSignature, nullptr));
+  KASSERT(methodName);
+  KASSERT(methodSignature);
+  jclass aClass = nullptr;
+  check_JVMTI_error(ourJVMTI->GetMethodDeclaringClass(methodID, &aClass));
+  KASSERT(aClass);
+  char* classSignature = nullptr;
+  check_JVMTI_error(ourJVMTI->GetClassSignature(aClass, &classSignature, nullptr));
+  KASSERT(classSignature);
+  env->DeleteLocalRef(aClass);
+  jint methodIndex = getMethodByName(classSignature, methodName, methodSignature);
+  deallocate(methodName);
+  deallocate(methodSignature);
+  deallocate(classSignature);
+  ourMethodID2MethodIndex.put(methodID, methodIndex);
+  return methodIndex;
+}

@@ -1,0 +1,82 @@
+#ifndef KJP_TESTS_CPUTESTSUPPORT_H
+#define KJP_TESTS_CPUTESTSUPPORT_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "DBTestSupport.h"
+#include "agent/JVMTI_Agent.h"
+#include "db/StringPool.h"
+#include "engines/Filter.h"
+#include "engines/KFrameStorage.h"
+#include "engines/KMethod.h"
+
+// A JVM reduced to what the CPU engines ask of it: method names, the current thread's stack,
+// the stacks of all threads, thread-local storage and event switches.
+struct FakeCPUVM {
+  struct Method {
+    std::string classSignature;
+    std::string name;
+    std::string signature;
+    bool isNative;
+    std::vector<std::string> locals;
+  };
+  struct Stack {
+    jthread thread;
+    jint state;
+    std::vector<jmethodID> frames;  // top first, as JVMTI gives them
+  };
+
+  std::deque<Method> methods;
+  std::vector<jmethodID> currentStack;  // top first
+  ThreadInfo* currentThread = nullptr;
+  std::map<jthread, ThreadInfo*> threadInfos;
+  std::vector<Stack> allStacks;
+  jvmtiPhase phase = JVMTI_PHASE_LIVE;
+  jvmtiError allStacksError = JVMTI_ERROR_NONE;
+  std::vector<std::pair<jvmtiEventMode, jvmtiEvent>> eventSwitches;
+  std::vector<std::string> thrown;
+  int deletedRefs = 0;
+  int outstandingAllocations = 0;
+
+  jmethodID method(const char* classSignature, const char* name, const char* signature = "()V",
+                   bool isNative = false) {
+    methods.push_back(Method{classSignature, name, signature, isNative, {}});
+    return reinterpret_cast<jmethodID>(&methods.back());
+  }
+  static Method* of(jmethodID id) { return reinterpret_cast<Method*>(id); }
+};
+
+extern FakeCPUVM* ourFakeCPUVM;
+
+// The agent's database and a fake JVM behind ourJVMTI, with the engines' globals reset.
+class CPUEngineTest : public AgentDBTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // The method index of a fake method, as the JVM would give it.
+  jint indexOf(jmethodID method) { return getMethodByID(&myEnv, method); }
+  jint flagsOf(jint methodIndex) { return ourDB->myMethodTable->getRecord(methodIndex, true)->myFlags; }
+  // The frame reached from the root through these methods, or -1 when the path is missing.
+  jint pathFrame(std::vector<jint> methodIndices);
+  // Method indices from the root down to a frame.
+  std::vector<jint> pathOf(jint frame);
+  CPUProfilingRecord* cpuRow(ThreadInfo* info, jint frame) { return info->getCPUProfilingRecord(frame, false); }
+
+  FakeCPUVM myFake;
+  JNINativeInterface_ myJNITable;
+  jvmtiInterface_1_ myJVMTITable;
+  JNIEnv myEnv;
+  _jvmtiEnv myJVMTI;
+  jvmtiEnv* mySavedJVMTI = nullptr;
+  bool mySavedFastClock = false;
+};
+
+#endif
