@@ -121,13 +121,27 @@ struct JVMThreadNames {
 
 }  // namespace
 
+// Threads still start and end while the JVM dies (shutdown hooks, the JVM's own helpers);
+// thread-local storage then answers "wrong phase", and such a thread records nothing.
+static bool isDeadPhase(jvmtiEnv* jvmti) {
+  jvmtiPhase phase = JVMTI_PHASE_LIVE;
+  return jvmti->GetPhase(&phase) == JVMTI_ERROR_NONE && phase == JVMTI_PHASE_DEAD;
+}
+
 void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
   LockHolder holder(&ourLock, "JVMTI_Agent(612)");
   KASSERT(thread != nullptr);
+  if (isDeadPhase(jvmti)) {
+    return;
+  }
   JVMThreadNames names(jvmti, env, thread);
   ThreadInfo* info = new ThreadInfo(names.myValid && names.myName != nullptr ? names.myName : "",
                                     names.myValid ? names.myGroupName : nullptr, getCurrentThreadID());
-  check_JVMTI_error(ourJVMTI->SetThreadLocalStorage(thread, info));
+  jvmtiError error = ourJVMTI->SetThreadLocalStorage(thread, info);
+  if (error == JVMTI_ERROR_WRONG_PHASE) {
+    return;  // the JVM began to die after the check above; the row stays, unused
+  }
+  check_JVMTI_error(error);
   ourAllThreadInfos.add(info);
 }
 
@@ -139,7 +153,10 @@ void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
   }
   if (info != nullptr) {
     info->makeSureThreadHasName(env, thread);
-    check_JVMTI_error(ourJVMTI->SetThreadLocalStorage(thread, nullptr));
+    jvmtiError error = ourJVMTI->SetThreadLocalStorage(thread, nullptr);
+    if (error != JVMTI_ERROR_WRONG_PHASE) {
+      check_JVMTI_error(error);
+    }
   }
   DeadThreadFolder::threadEnded(info);
 }
