@@ -83,9 +83,12 @@ int getCurrentThreadID() {
 
 clockid_t threadCPUClockId(int tid) {
   // The kernel's encoding of a per-thread CPU clock: the complemented id above three low
-  // bits, of which 4 marks "thread, not process" and 0 in the lowest two selects user plus
-  // system time.
-  return static_cast<clockid_t>((~static_cast<unsigned int>(tid) << 3) | 4U);
+  // bits, of which 4 marks "thread, not process" and the lowest two pick the clock. The
+  // scheduler's clock (2) is exact to the nanosecond; the user-plus-system clock (0) moves in
+  // whole scheduler ticks, which makes short samples of another thread read as nothing and
+  // would disagree with the calling thread's own clock (CLOCK_THREAD_CPUTIME_ID, the same
+  // scheduler clock) that tracing reads.
+  return static_cast<clockid_t>((~static_cast<unsigned int>(tid) << 3) | 4U | 2U);
 }
 
 bool isRusageCoveringAllThreads(const char* release) {
