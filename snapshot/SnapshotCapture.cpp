@@ -16,6 +16,7 @@
 #include "engines/ThreadInfo.h"
 #include "snapshot/SnapshotFile.h"
 #include "snapshot/SnapshotWriter.h"
+#include "snapshot/TableStream.h"
 
 namespace {
 
@@ -119,6 +120,7 @@ bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, j
   // On top of the increment in the header: successive files are numbered 2 apart.
   ourSnapshotCount++;
   ThreadSuspension suspension(env, suspendThreads && !ourOptions.myWithDebugger);
+  closeOpenCalls();
   bool ok = true;
   {
     SnapshotWriter writer(fd, SNAPSHOT_BUFFER_SIZE, true);
@@ -129,6 +131,7 @@ bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, j
       ok = false;
     }
   }
+  reopenOpenCalls();
   close(fd);
   suspension.resumeAll();
   return ok;

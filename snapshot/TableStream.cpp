@@ -8,6 +8,8 @@
 #include "db/AbstractTable.h"
 #include "db/DB.h"
 #include "engines/ThreadInfo.h"
+#include "engines/Tracing.h"
+#include "engines/WallTimeCorrector.h"
 #include "snapshot/SnapshotProgress.h"
 #include "snapshot/SocketWriter.h"
 
@@ -33,13 +35,54 @@ void refreshThreadNames(JNIEnv* env) {
   deallocate(threads);
 }
 
+// A wall-timed method can leave its CPU-timed callers smaller than itself; the callers are
+// raised before anyone reads the times.
+void correctWallTimes() {
+  WallTimeCorrector corrector;
+  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
+    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
+      corrector.scheduleForCorrection(ourAllThreadInfos._keys[i]);
+    }
+  }
+  if (ourOldestDeadThreads != nullptr) {
+    corrector.scheduleForCorrection(ourOldestDeadThreads);
+  }
+  corrector.correctWallTimes();
+}
+
 void updateDerivedData(JNIEnv* env, jint tableMask) {
   if (env != nullptr && ourJVMTI != nullptr && !ourIsJRockit && (tableMask & (1 << THREAD_TABLE_ID)) != 0) {
     refreshThreadNames(env);
   }
+  if ((tableMask & (1 << CPUPROFILING_TABLE_ID)) != 0) {
+    correctWallTimes();
+  }
+}
+
+bool hasOpenTimedCalls() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
+
+template <class Action>
+void forEachLiveThread(Action action) {
+  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
+    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
+      action(ourAllThreadInfos._keys[i]);
+    }
+  }
 }
 
 }  // namespace
+
+void closeOpenCalls() {
+  if (hasOpenTimedCalls()) {
+    forEachLiveThread([](ThreadInfo* info) { resetStackTrace(info, false); });
+  }
+}
+
+void reopenOpenCalls() {
+  if (hasOpenTimedCalls()) {
+    forEachLiveThread([](ThreadInfo* info) { restoreStackTrace(info, false); });
+  }
+}
 
 void writeTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint tableMask, jint progressFrom, jint progressTo,
                  jint progressHandle, const jint* stamps, bool writeMarker) {
@@ -69,10 +112,17 @@ void writeAllTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint progressFr
 void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const jint* stamps) {
   LockHolder holder(&ourLock, "TableStream(71)");
   SocketWriter writer(socketFD, SOCKET_BUFFER_SIZE, true);
+  bool withCPU = db == ourDB && (tableMask & (1 << CPUPROFILING_TABLE_ID)) != 0;
+  if (withCPU) {
+    closeOpenCalls();
+  }
   writeTables(env, db, writer, tableMask, 0, 0, 0, stamps, false);
   writer.writeInt(-1);
   // Rows changed from now on carry a greater stamp than anything this update sent.
   db->myModificationStamp++;
+  if (withCPU) {
+    reopenOpenCalls();
+  }
   writer.flush();
 }
 

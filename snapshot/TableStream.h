@@ -27,6 +27,13 @@ void writeTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint tableMask, ji
 void writeAllTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint progressFrom, jint progressTo,
                     jint progressHandle);
 
+// While tracing with the fast thread clock, the calls in progress have no time in the tables
+// yet. These close them as of now, so that a snapshot or an update includes their time so far,
+// and reopen them as of now afterwards; no thread loses its place in the tree. They do nothing
+// in any other mode. The caller holds ourLock throughout.
+void closeOpenCalls();
+void reopenOpenCalls();
+
 // The server side of one live update: under ourLock, the requested tables on the socket,
 // the end mark -1, and then the database's stamp moves on, so that the client's next request
 // with the highest stamp it has seen yields exactly the later changes.
