@@ -12,10 +12,6 @@ namespace {
 
 // Every pool entry fits a block of this size.
 const size_t BLOCK_SIZE = 32;
-// At most this many free blocks stay cached on a thread (512 KB), enough for the pool of
-// any ordinary class; beyond it blocks go back to the heap.
-const int MAX_CACHED_BLOCKS = 16384;
-
 #if defined(__SANITIZE_ADDRESS__)
 #define KJP_NO_BLOCK_CACHE 1
 #elif defined(__has_feature)
@@ -25,6 +21,10 @@ const int MAX_CACHED_BLOCKS = 16384;
 #endif
 
 #ifndef KJP_NO_BLOCK_CACHE
+// At most this many free blocks stay cached on a thread (512 KB), enough for the pool of
+// any ordinary class; beyond it blocks go back to the heap.
+const int MAX_CACHED_BLOCKS = 16384;
+
 struct FreeBlock {
   FreeBlock* myNext;
 };

@@ -12,7 +12,8 @@
 #include "agent/Options.h"
 #include "agent/TextUtil.h"
 
-KVector<Filter*> Filter::ourFilters(16);
+// Never destroyed: sampler and probes may still read the filters while the process exits.
+KVector<Filter*>& Filter::ourFilters = *new KVector<Filter*>(16);
 bool ourInverseFilters = false;
 
 const char* const DEFAULT_FILTER_SPEC = "com.sun.*\njava.*\njavax.*\njdk.*\nsun.*\njrockit.*";

@@ -46,7 +46,7 @@ class Filter {
   // the row only when they change.
   static void applyFilters(MethodRecord* record);
 
-  static KVector<Filter*> ourFilters;
+  static KVector<Filter*>& ourFilters;
 
   char* myClassNamePattern;
   char* myMethodNamePattern;
