@@ -1,0 +1,63 @@
+package com.kestrix.snapshot;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.kestrix.test.Jvm;
+import com.kestrix.tools.kjp.Kjp;
+import java.io.ByteArrayOutputStream;
+import java.io.PrintStream;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.ZoneId;
+import java.util.Comparator;
+import java.util.List;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** A real JVM sampled from start to exit: kjp finds the method the program burns its CPU in. */
+class SampledRunReportTest {
+    static List<Path> jdks() {
+        return Jvm.jdks();
+    }
+
+    private static String kjp(String... args) {
+        ByteArrayOutputStream out = new ByteArrayOutputStream();
+        ByteArrayOutputStream err = new ByteArrayOutputStream();
+        int status = Kjp.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
+                new PrintStream(err, true, StandardCharsets.UTF_8), ZoneId.of("UTC"));
+        assertEquals(0, status, err.toString(StandardCharsets.UTF_8));
+        return out.toString(StandardCharsets.UTF_8);
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void hotMethodLeadsTheReportAndItsPathIsTheProgramsStructure(Path jdk, @TempDir Path dir) throws Exception {
+        // Sampling alone asks for the exit snapshot: a running measurement is never lost.
+        Jvm.Result run = Jvm.run(jdk, 120, Jvm.agentArgument("sampling,dir=" + dir), "-cp",
+                Jvm.programs().toString(), "com.kestrix.programs.HotLoop", "1500");
+        assertEquals(0, run.exitCode, run.toString());
+        Path snapshot;
+        try (Stream<Path> files = Files.list(dir)) {
+            snapshot = files.filter(f -> f.toString().endsWith(".snapshot")).findFirst().orElseThrow();
+        }
+
+        String report = kjp("report", "--thread", "hot", snapshot.toString());
+        String firstHotSpot = report.substring(report.indexOf("Hot spots by own time")).lines().skip(2).findFirst()
+                .orElse("");
+        assertTrue(firstHotSpot.endsWith("  com.kestrix.programs.HotLoop.burn(int)"), report);
+        assertTrue(report.contains("\nCPU       sampling; "), report);
+
+        // In folded form the heaviest path of the thread is Burner.run calling burn.
+        String folded = kjp("collapsed", "--thread", "hot", snapshot.toString());
+        String heaviest = folded.lines()
+                .max(Comparator.comparingLong(line -> Long.parseLong(line.substring(line.lastIndexOf(' ') + 1))))
+                .orElse("");
+        assertTrue(heaviest.startsWith("hot;"), folded);
+        assertTrue(heaviest.contains(";com.kestrix.programs.HotLoop$Burner.run();com.kestrix.programs.HotLoop.burn(int) "),
+                folded);
+    }
+}
