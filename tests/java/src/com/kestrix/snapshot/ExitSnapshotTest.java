@@ -128,6 +128,30 @@ class ExitSnapshotTest {
         assertEquals("", quiet.stderr);
     }
 
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void heapDumpOfAnOutOfMemoryErrorIsRegisteredAsASnapshot(Path jdk, @TempDir Path dir) throws Exception {
+        Path dumps = Files.createDirectories(dir.resolve("dumps"));
+        Path snapshots = dir.resolve("snaps");
+        Jvm.Result result = Jvm.run(jdk, 120, "-Xmx32m", "-XX:+HeapDumpOnOutOfMemoryError", "-XX:HeapDumpPath=" + dumps,
+                Jvm.agentArgument("onexit=snapshot,dir=" + snapshots), "-cp", Jvm.programs().toString(),
+                "com.kestrix.programs.OutOfMemory");
+        assertEquals(0, result.exitCode, result.toString());
+        List<Path> dumped = snapshotsIn(dumps);
+        assertEquals(1, dumped.size(), result.toString());
+        assertTrue(dumped.get(0).getFileName().toString().matches("java_pid\\d+\\.hprof"), dumped.toString());
+
+        Snapshot snapshot = SnapshotReader.read(snapshotsIn(snapshots).get(0));
+        Table known = snapshot.table(TableLayout.SNAPSHOT);
+        List<String> registered = new ArrayList<>();
+        for (int row = 0; row < known.size(); row++) {
+            registered.add(snapshot.string(known.getInt(row, TableLayout.SNAPSHOT.field("pathStrID"))) + " "
+                    + known.getLong(row, TableLayout.SNAPSHOT.field("flags")));
+        }
+        // With heap, HPROF, caused by the error: 1 + 16 + 256.
+        assertTrue(registered.contains(dumped.get(0) + " 273"), registered + "\n" + result);
+    }
+
     /** A tmpfs that is full to the last byte, unmounted at the end. */
     private static final class FullDisk implements AutoCloseable {
         final Path myDir;
