@@ -39,10 +39,13 @@ class MemoryWriter : public AbstractWriter {
   std::vector<unsigned char> myBytes;
 };
 
-// Reads back what a MemoryWriter holds, little-endian.
+// Reads back what a writer produced (a MemoryWriter, a snapshot, a table stream),
+// little-endian, failing the test on a read past the end.
 class ByteReader {
  public:
   explicit ByteReader(std::vector<unsigned char> bytes) : myBytes(std::move(bytes)), myPosition(0) {}
+
+  int readByte() { return next(); }
 
   jint readInt() {
     unsigned int value = 0;
@@ -58,7 +61,7 @@ class ByteReader {
     return static_cast<jlong>(low | (high << 32));
   }
 
-  // A string as writeString writes it; "<null>" for length -1.
+  // "<null>" for length -1.
   std::string readString() {
     jint length = readInt();
     if (length == -1) {
@@ -71,12 +74,24 @@ class ByteReader {
     return text;
   }
 
+  std::string readBytes(size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; i++) {
+      text += static_cast<char>(next());
+    }
+    return text;
+  }
+
   bool atEnd() const { return myPosition == myBytes.size(); }
+  size_t position() const { return myPosition; }
 
  private:
   unsigned char next() {
-    EXPECT_LT(myPosition, myBytes.size());
-    return myPosition < myBytes.size() ? myBytes[myPosition++] : 0;
+    if (myPosition >= myBytes.size()) {
+      ADD_FAILURE() << "read past the end at " << myPosition;
+      return 0;
+    }
+    return myBytes[myPosition++];
   }
 
   std::vector<unsigned char> myBytes;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "db/DB.h"
+#include "tests/unit/DBTestSupport.h"
 
 // A fresh directory under /tmp, removed with everything in it at the end of the scope.
 class TempDir {
@@ -65,63 +66,8 @@ inline std::vector<unsigned char> readAll(const std::string& path) {
   return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Reads a snapshot or table stream back, little-endian, failing the test on a read past the end.
-class StreamReader {
- public:
-  explicit StreamReader(std::vector<unsigned char> bytes) : myBytes(std::move(bytes)), myPosition(0) {}
-
-  int readByte() { return next(); }
-
-  jint readInt() {
-    unsigned int value = 0;
-    for (int i = 0; i < 4; i++) {
-      value |= static_cast<unsigned int>(next()) << (8 * i);
-    }
-    return static_cast<jint>(value);
-  }
-
-  jlong readLong() {
-    unsigned long long low = static_cast<unsigned int>(readInt());
-    unsigned long long high = static_cast<unsigned int>(readInt());
-    return static_cast<jlong>(low | (high << 32));
-  }
-
-  // "<null>" for length -1.
-  std::string readString() {
-    jint length = readInt();
-    if (length == -1) {
-      return "<null>";
-    }
-    std::string text;
-    for (jint i = 0; i < length; i++) {
-      text += static_cast<char>(next());
-    }
-    return text;
-  }
-
-  std::string readBytes(size_t count) {
-    std::string text;
-    for (size_t i = 0; i < count; i++) {
-      text += static_cast<char>(next());
-    }
-    return text;
-  }
-
-  bool atEnd() const { return myPosition == myBytes.size(); }
-  size_t position() const { return myPosition; }
-
- private:
-  unsigned char next() {
-    if (myPosition >= myBytes.size()) {
-      ADD_FAILURE() << "read past the end at " << myPosition;
-      return 0;
-    }
-    return myBytes[myPosition++];
-  }
-
-  std::vector<unsigned char> myBytes;
-  size_t myPosition;
-};
+// Snapshots and table streams are read with the same little-endian reader.
+using StreamReader = ByteReader;
 
 // One row of a table stream: index, stamp, the other fields as longs (ints widened), and the
 // text of a string row.
