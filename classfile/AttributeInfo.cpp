@@ -129,6 +129,22 @@ AttributeInfo* readAttribute(DataInput& in, ConstantPool& pool, int codeLength) 
 
 AttributeInfo* AttributeInfoReader::create(DataInput& in, ConstantPool& pool) { return readAttribute(in, pool, -1); }
 
+void AttributeInfoReader::readAll(DataInput& in, ConstantPool& pool, KVector<AttributeInfo*>& out) {
+  jint first = out.size();
+  try {
+    int attributeCount = in.readUnsignedShort();
+    for (int i = 0; i < attributeCount; i++) {
+      out.push(create(in, pool));
+    }
+  } catch (...) {
+    for (jint i = first; i < out.size(); i++) {
+      delete out[i];
+    }
+    out.removeRange(first, out.size());
+    throw;
+  }
+}
+
 AttributeInfo* AttributeInfoReader::createInCode(DataInput& in, ConstantPool& pool, int codeLength) {
   KASSERT(codeLength > 0);
   return readAttribute(in, pool, codeLength);

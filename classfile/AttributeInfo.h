@@ -44,6 +44,9 @@ class AttributeInfoReader {
   // The same for an attribute nested in a Code attribute whose code has 'codeLength'
   // bytes; only there are the debug tables and the stack map interpreted.
   static AttributeInfo* createInCode(DataInput& in, ConstantPool& pool, int codeLength);
+  // Reads an attribute count and that many attributes into 'out'. On malformed input the
+  // attributes read so far are deleted before the ClassFormatError leaves.
+  static void readAll(DataInput& in, ConstantPool& pool, KVector<AttributeInfo*>& out);
 };
 
 class ConstantValueAttribute : public AttributeInfo {

@@ -133,10 +133,7 @@ void ClassFile::read(DataInput& in) {
     myCanBeJ2EEClass = false;
   }
 
-  int attributeCount = in.readUnsignedShort();
-  for (int i = 0; i < attributeCount; i++) {
-    myAttributes.push(AttributeInfoReader::create(in, myConstantPool));
-  }
+  AttributeInfoReader::readAll(in, myConstantPool, myAttributes);
 
   if (in.available() != 0) {
     throw ClassFormatError("%d bytes follow the end of the class", in.available());

@@ -284,4 +284,10 @@ class ConstantPoolInfoReader {
   static ConstantPoolInfo* create(DataInput& in);
 };
 
+// Whether the entry at 'index' exists and is a string constant: names and descriptors that
+// point elsewhere are malformed input, not an invariant of the agent.
+inline bool isUtf8(const ConstantPool& pool, int index) {
+  return index > 0 && index < pool.size() && pool[index] != nullptr && pool[index]->getTag() == ConstantUtf8Info::TAG;
+}
+
 #endif

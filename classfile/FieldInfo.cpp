@@ -2,14 +2,6 @@
 
 #include "classfile/ClassFormatError.h"
 
-namespace {
-
-bool isUtf8(const ConstantPool& pool, int index) {
-  return index > 0 && index < pool.size() && pool[index] != nullptr && pool[index]->getTag() == ConstantUtf8Info::TAG;
-}
-
-}  // namespace
-
 FieldInfo::FieldInfo(DataInput& in, KVector<ConstantPoolInfo*>& pool)
     : myAccessFlags(in.readUnsignedShort()),
       myNameIndex(in.readUnsignedShort()),
@@ -18,17 +10,7 @@ FieldInfo::FieldInfo(DataInput& in, KVector<ConstantPoolInfo*>& pool)
   if (!isUtf8(pool, myNameIndex) || !isUtf8(pool, myDescriptorIndex)) {
     throw ClassFormatError("a field's name or descriptor is not a string constant");
   }
-  try {
-    int attributeCount = in.readUnsignedShort();
-    for (int i = 0; i < attributeCount; i++) {
-      myAttributes.push(AttributeInfoReader::create(in, pool));
-    }
-  } catch (...) {
-    for (int i = 0; i < myAttributes.size(); i++) {
-      delete myAttributes[i];
-    }
-    throw;
-  }
+  AttributeInfoReader::readAll(in, pool, myAttributes);
 }
 
 FieldInfo::FieldInfo(int accessFlags, int nameIndex, int descriptorIndex)

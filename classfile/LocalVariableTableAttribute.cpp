@@ -7,10 +7,6 @@ const KString LocalVariableTypeTableAttribute::NAME("LocalVariableTypeTable");
 
 namespace {
 
-bool isUtf8(const ConstantPool& pool, int index) {
-  return index > 0 && index < pool.size() && pool[index] != nullptr && pool[index]->getTag() == ConstantUtf8Info::TAG;
-}
-
 // Reads the entries of either table. The instrumentation maps start and end through a table
 // with an element for each byte of code, so both must lie inside the code.
 void readLocalVariables(DataInput& in, const ConstantPool& pool, int codeLength, KVector<LocalVariable*>& out) {

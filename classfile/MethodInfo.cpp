@@ -6,10 +6,6 @@
 
 namespace {
 
-bool isUtf8(const ConstantPool& pool, int index) {
-  return index > 0 && index < pool.size() && pool[index] != nullptr && pool[index]->getTag() == ConstantUtf8Info::TAG;
-}
-
 const KString& utf8Value(const ConstantPool& pool, int index) {
   const ConstantPoolInfo* nameInfo = pool[index];
   KASSERT(nameInfo != nullptr);
@@ -30,15 +26,7 @@ MethodInfo::MethodInfo(DataInput& in, KVector<ConstantPoolInfo*>& pool)
   if (!isUtf8(pool, myNameIndex) || !isUtf8(pool, myDescriptorIndex)) {
     throw ClassFormatError("a method's name or descriptor is not a string constant");
   }
-  try {
-    int attributeCount = in.readUnsignedShort();
-    for (int i = 0; i < attributeCount; i++) {
-      myAttributes.push(AttributeInfoReader::create(in, pool));
-    }
-  } catch (...) {
-    release();
-    throw;
-  }
+  AttributeInfoReader::readAll(in, pool, myAttributes);
   const J2EEMethod* entry = J2EEHelper::find(getName().get(), getDescriptor().get());
   if (entry != nullptr) {
     myJ2EEInstrumentationType = entry->getJ2EEInstrumentationType();

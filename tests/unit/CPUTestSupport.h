@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "DBTestSupport.h"
+#include "agent/CPUTime.h"
 #include "agent/JVMTI_Agent.h"
 #include "db/StringPool.h"
 #include "engines/Filter.h"
@@ -78,5 +79,17 @@ class CPUEngineTest : public AgentDBTest {
   jvmtiEnv* mySavedJVMTI = nullptr;
   bool mySavedFastClock = false;
 };
+
+// Burns about 'ns' of the calling thread's CPU time and returns what it really burnt.
+inline jlong spinCPU(jlong ns) {
+  jlong start = getCurrentThreadCPUTimeNs();
+  volatile unsigned long sink = 0;
+  while (getCurrentThreadCPUTimeNs() - start < ns) {
+    for (int i = 0; i < 1000; i++) {
+      sink = sink + static_cast<unsigned long>(i);
+    }
+  }
+  return getCurrentThreadCPUTimeNs() - start;
+}
 
 #endif

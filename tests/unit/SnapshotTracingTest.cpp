@@ -13,17 +13,6 @@
 
 namespace {
 
-jlong spinCPU(jlong ns) {
-  jlong start = getCurrentThreadCPUTimeNs();
-  volatile unsigned long sink = 0;
-  while (getCurrentThreadCPUTimeNs() - start < ns) {
-    for (int i = 0; i < 1000; i++) {
-      sink = sink + static_cast<unsigned long>(i);
-    }
-  }
-  return getCurrentThreadCPUTimeNs() - start;
-}
-
 // Snapshots and updates taken while traced calls are in progress.
 class SnapshotTracingTest : public CPUEngineTest {
  protected:

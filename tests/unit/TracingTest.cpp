@@ -8,18 +8,6 @@
 
 namespace {
 
-// Burns about 'ns' of the calling thread's CPU time and returns what it really burnt.
-jlong spinCPU(jlong ns) {
-  jlong start = getCurrentThreadCPUTimeNs();
-  volatile unsigned long sink = 0;
-  while (getCurrentThreadCPUTimeNs() - start < ns) {
-    for (int i = 0; i < 1000; i++) {
-      sink = sink + static_cast<unsigned long>(i);
-    }
-  }
-  return getCurrentThreadCPUTimeNs() - start;
-}
-
 class TracingTest : public CPUEngineTest {
  protected:
   void SetUp() override {
