@@ -1,0 +1,20 @@
+#ifndef KJP_METHODIDPROVIDER_H
+#define KJP_METHODIDPROVIDER_H
+
+#include <jni.h>
+
+// Hands the instrumentation the method index that a probe carries, without the patchers
+// knowing the database. The index is fixed into the bytecode, so probe and database agree
+// on it with no lookup at run time.
+//
+// Virtual so that offline tools and tests can number methods without a database.
+class MethodIDProvider {
+ public:
+  virtual ~MethodIDProvider() {}
+
+  // The index (> 0) of the method's row, made on first need. className is internal form
+  // ("java/lang/String") or already a signature ("Ljava/lang/String;"). Call under ourLock.
+  virtual jint getMethodID(const char* className, const char* methodName, const char* descriptor) const;
+};
+
+#endif
