@@ -4,6 +4,7 @@
 
 #include "agent/KAssert.h"
 #include "agent/KString.h"
+#include "db/DB.h"
 #include "engines/KMethod.h"
 
 jint MethodIDProvider::getMethodID(const char* className, const char* methodName, const char* descriptor) const {
@@ -14,4 +15,13 @@ jint MethodIDProvider::getMethodID(const char* className, const char* methodName
   jint methodIndex = getMethodByName(classSignature.get(), methodName, descriptor);
   KASSERT(methodIndex);
   return methodIndex;
+}
+
+void MethodIDProvider::addMethodFlags(jint methodIndex, jint flags) const {
+  KASSERT(methodIndex > 0);
+  MethodRecord* record = ourDB->myMethodTable->getRecord(methodIndex, false);
+  KASSERT(record);
+  record->myFlags |= flags;
+  // A live client learns of the change through the stamp.
+  record->myModificationStamp = ourDB->myModificationStamp;
 }

@@ -15,6 +15,10 @@ class MethodIDProvider {
   // The index (> 0) of the method's row, made on first need. className is internal form
   // ("java/lang/String") or already a signature ("Ljava/lang/String;"). Call under ourLock.
   virtual jint getMethodID(const char* className, const char* methodName, const char* descriptor) const;
+
+  // Adds 'flags' (MF_NOT_INSTRUMENTED, MF_J2EE) to the row of a method that getMethodID
+  // returned. Call under ourLock.
+  virtual void addMethodFlags(jint methodIndex, jint flags) const;
 };
 
 #endif
