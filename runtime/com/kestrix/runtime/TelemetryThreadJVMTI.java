@@ -1,0 +1,211 @@
+package com.kestrix.runtime;
+
+import java.io.DataOutputStream;
+import java.io.IOException;
+import java.lang.management.ClassLoadingMXBean;
+import java.lang.management.GarbageCollectorMXBean;
+import java.lang.management.ManagementFactory;
+import java.lang.management.MemoryMXBean;
+import java.lang.management.MemoryUsage;
+import java.lang.management.OperatingSystemMXBean;
+import java.lang.management.ThreadInfo;
+import java.lang.management.ThreadMXBean;
+import java.util.ArrayList;
+import java.util.Iterator;
+import java.util.List;
+
+import com.kestrix.api.TelemetryRecord;
+
+/**
+ * Samples the JVM's telemetry once a second and hands it to the agent. A bean the JVM lacks
+ * leaves its values at 0; nothing here ever reports a failure.
+ */
+final class TelemetryThreadJVMTI extends Thread {
+    /** Prefix of the native methods the agent wraps; their frames are folded in dumps. */
+    static final String NATIVE_WRAPPER_PREFIX = "$$KJP$$";
+    private static final long PERIOD_MS = 1000;
+    // The deadlock search is costly: one pass in this many does it.
+    private static final int DEADLOCK_CHECK_PERIOD = 5;
+
+    private int myRunCount;
+    private final ArrayList<String> myCollectorNames = new ArrayList<String>(2);
+
+    TelemetryThreadJVMTI() {
+        super("KJPAgent-Telemetry");
+        setDaemon(true);
+        setPriority(Thread.NORM_PRIORITY);
+    }
+
+    public void run() {
+        int[] constants = new int[TelemetryRecord.TELEC_FIELD_COUNT];
+        int[] values = new int[TelemetryRecord.TELE_FIELD_COUNT];
+        while (true) {
+            java.util.Arrays.fill(constants, 0);
+            java.util.Arrays.fill(values, 0);
+            runImpl(constants, values);
+            try {
+                Thread.sleep(PERIOD_MS);
+            } catch (InterruptedException e) {
+                return;
+            }
+        }
+    }
+
+    private void runImpl(int[] constants, int[] values) {
+        MemoryMXBean memory = null;
+        try {
+            memory = ManagementFactory.getMemoryMXBean();
+        } catch (Throwable ignored) {
+            // no values from it
+        }
+        if (memory != null) {
+            MemoryUsage heap = memory.getHeapMemoryUsage();
+            values[TelemetryRecord.TELE_HEAP_MEMORY_USED_KB] = (int) (heap.getUsed() / 1024);
+            values[TelemetryRecord.TELE_HEAP_MEMORY_COMMITTED_KB] = (int) (heap.getCommitted() / 1024);
+            constants[TelemetryRecord.TELEC_HEAP_MEMORY_MAX_KB_PROP_INDEX] = (int) (heap.getMax() / 1024);
+            MemoryUsage nonHeap = memory.getNonHeapMemoryUsage();
+            values[TelemetryRecord.TELE_NON_HEAP_MEMORY_USED_KB] = (int) (nonHeap.getUsed() / 1024);
+            values[TelemetryRecord.TELE_NON_HEAP_MEMORY_COMMITTED_KB] = (int) (nonHeap.getCommitted() / 1024);
+            constants[TelemetryRecord.TELEC_NON_HEAP_MEMORY_MAX_KB_PROP_INDEX] = (int) (nonHeap.getMax() / 1024);
+        }
+
+        ClassLoadingMXBean classLoading = null;
+        try {
+            classLoading = ManagementFactory.getClassLoadingMXBean();
+        } catch (Throwable ignored) {
+            // no values from it
+        }
+        if (classLoading != null) {
+            values[TelemetryRecord.TELE_LOADED_CLASS_COUNT] = classLoading.getLoadedClassCount();
+            constants[TelemetryRecord.TELEC_UNLOADED_CLASS_COUNT_PROP_INDEX] =
+                    (int) classLoading.getUnloadedClassCount();
+        }
+
+        ThreadMXBean threads = null;
+        try {
+            threads = ManagementFactory.getThreadMXBean();
+        } catch (Throwable ignored) {
+            // no values from it
+        }
+        if (threads != null) {
+            values[TelemetryRecord.TELE_LIVE_THREAD_COUNT] = threads.getThreadCount();
+            values[TelemetryRecord.TELE_DAEMON_THREAD_COUNT] = threads.getDaemonThreadCount();
+            constants[TelemetryRecord.TELEC_PEAK_THREAD_COUNT_PROP_INDEX] = threads.getPeakThreadCount();
+            constants[TelemetryRecord.TELEC_CREATED_THREAD_COUNT_PROP_INDEX] =
+                    (int) threads.getTotalStartedThreadCount();
+            if (!Core.ourIsIBM && myRunCount % DEADLOCK_CHECK_PERIOD == 0) {
+                long[] deadlocked = threads.findMonitorDeadlockedThreads();
+                if (deadlocked != null && deadlocked.length > 0) {
+                    constants[TelemetryRecord.TELEC_DEADLOCK_FOUND_PROP_INDEX] = 1;
+                }
+            }
+        }
+
+        List<GarbageCollectorMXBean> collectors = null;
+        try {
+            collectors = ManagementFactory.getGarbageCollectorMXBeans();
+        } catch (Throwable ignored) {
+            // no values from them
+        }
+        if (collectors != null) {
+            long totalTime = 0;
+            for (Iterator<GarbageCollectorMXBean> i = collectors.iterator(); i.hasNext();) {
+                GarbageCollectorMXBean collector = i.next();
+                long count = Math.max(0, collector.getCollectionCount());
+                long time = Math.max(0, collector.getCollectionTime());
+                String name = collector.getName();
+                int position = myCollectorNames.indexOf(name);
+                if (position == -1) {
+                    myCollectorNames.add(name);
+                    position = myCollectorNames.size() - 1;
+                    Core.setProperty("collector.name." + (position + 1), name);
+                }
+                if (position == 0) {
+                    values[TelemetryRecord.TELE_GC_COLLECTION1_COUNT] += (int) count;
+                } else if (position == 1) {
+                    values[TelemetryRecord.TELE_GC_COLLECTION2_COUNT] += (int) count;
+                }
+                totalTime += time;
+            }
+            values[TelemetryRecord.TELE_GC_TOTAL_COLLECTION_TIME_MS] = (int) totalTime;
+        }
+
+        OperatingSystemMXBean system = null;
+        try {
+            system = ManagementFactory.getOperatingSystemMXBean();
+        } catch (Throwable ignored) {
+            // no values from it
+        }
+        if (system != null) {
+            values[TelemetryRecord.TELE_PROCESSOR_COUNT] = system.getAvailableProcessors();
+        }
+
+        long cpuTimeNs = Core.getProcessCPUTimeNs();
+        if (cpuTimeNs > 0) {
+            values[TelemetryRecord.TELE_CPU_TIME_MS] = (int) (cpuTimeNs / 1000000);
+        }
+
+        Core.storeTelemetryRecord(constants, values);
+        myRunCount++;
+    }
+
+    /** Writes the thread-dump response: uptime, then every live thread with its folded stack. */
+    static void processGetJVMThreadDumpImpl(DataOutputStream out) throws IOException {
+        ThreadMXBean threads = ManagementFactory.getThreadMXBean();
+        ThreadInfo[] infos = threads.getThreadInfo(threads.getAllThreadIds(), Integer.MAX_VALUE);
+        boolean contention = threads.isThreadContentionMonitoringSupported()
+                && threads.isThreadContentionMonitoringEnabled();
+        // Threads that ended meanwhile come back as null and are left out.
+        List<ThreadInfoRes> result = new ArrayList<ThreadInfoRes>(infos.length);
+        for (int i = 0; i < infos.length; i++) {
+            if (infos[i] != null) {
+                result.add(toRes(infos[i], contention));
+            }
+        }
+        Packet.writeHeader(out, Protocol.PACKET_OK_RESP);
+        Packet.writeLong(out, ManagementFactory.getRuntimeMXBean().getUptime());
+        Packet.writeInt(out, result.size());
+        for (Iterator<ThreadInfoRes> i = result.iterator(); i.hasNext();) {
+            i.next().write(out);
+        }
+    }
+
+    private static ThreadInfoRes toRes(ThreadInfo info, boolean contention) {
+        ThreadInfoRes res = new ThreadInfoRes();
+        res.myThreadId = info.getThreadId();
+        res.myThreadName = info.getThreadName();
+        res.myBlockedTime = contention ? info.getBlockedTime() : -1;
+        res.myBlockedCount = contention ? info.getBlockedCount() : -1;
+        res.myWaitedTime = contention ? info.getWaitedTime() : -1;
+        res.myWaitedCount = contention ? info.getWaitedCount() : -1;
+        res.myLockName = info.getLockName();
+        res.myLockOwnerId = info.getLockOwnerId();
+        res.myInNative = info.isInNative();
+        res.mySuspended = info.isSuspended();
+        res.myState = info.getThreadState().ordinal();
+        res.myStackTrace = foldNativeWrappers(info.getStackTrace());
+        return res;
+    }
+
+    /**
+     * The stack as the program sees it. A wrapped native method shows as two frames: the native
+     * under its prefixed name, then the Java wrapper under the method's own name. They become
+     * one frame with the wrapper's class, method and file, and the native frame's line.
+     */
+    static StackTraceElementRes[] foldNativeWrappers(StackTraceElement[] stack) {
+        List<StackTraceElementRes> frames = new ArrayList<StackTraceElementRes>(stack.length);
+        for (int i = 0; i < stack.length; i++) {
+            StackTraceElement frame = stack[i];
+            if (frame.getMethodName().startsWith(NATIVE_WRAPPER_PREFIX) && i + 1 < stack.length) {
+                StackTraceElement wrapper = stack[i + 1];
+                frames.add(new StackTraceElementRes(wrapper.getClassName(), wrapper.getMethodName(),
+                        wrapper.getFileName(), frame.getLineNumber()));
+                i++;
+            } else {
+                frames.add(new StackTraceElementRes(frame.getClassName(), frame.getMethodName(), frame.getFileName(),
+                        frame.getLineNumber()));
+            }
+        }
+        return frames.toArray(new StackTraceElementRes[frames.size()]);
+    }
+}
