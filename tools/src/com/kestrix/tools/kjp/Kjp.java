@@ -1,5 +1,6 @@
 package com.kestrix.tools.kjp;
 
+import com.kestrix.tools.connect.Connect;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotFormatException;
 import com.kestrix.tools.snapshot.SnapshotReader;
@@ -14,6 +15,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.time.ZoneId;
+import java.util.Arrays;
 import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Locale;
@@ -36,6 +38,9 @@ public final class Kjp {
             "  report     the session, its threads, CPU hot spots and the hottest call paths",
             "  flame      an interactive flame graph: one self-contained HTML page (needs -o)",
             "  collapsed  folded stacks, one call path a line, as flame-graph tools and speedscope read them",
+            "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
+            "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|clear|",
+            "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
             "",
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
@@ -82,7 +87,9 @@ public final class Kjp {
     public static void main(String[] args) {
         PrintStream out = new PrintStream(System.out, false, StandardCharsets.UTF_8);
         PrintStream err = new PrintStream(System.err, true, StandardCharsets.UTF_8);
-        int status = run(args, out, err, ZoneId.systemDefault());
+        int status = args.length > 0 && args[0].equals("connect")
+                ? Connect.run(Arrays.copyOfRange(args, 1, args.length), out, err, System.console() != null)
+                : run(args, out, err, ZoneId.systemDefault());
         out.flush();
         System.exit(status);
     }
