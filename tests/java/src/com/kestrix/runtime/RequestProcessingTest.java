@@ -1,0 +1,207 @@
+package com.kestrix.runtime;
+
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.ByteArrayInputStream;
+import java.io.ByteArrayOutputStream;
+import java.io.DataInputStream;
+import java.io.DataOutputStream;
+import java.io.EOFException;
+import java.io.IOException;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Random;
+import java.util.zip.Deflater;
+import java.util.zip.Inflater;
+
+import org.junit.jupiter.api.Test;
+
+/** The parts of request handling that need no agent behind them. */
+class RequestProcessingTest {
+    private interface Writing {
+        void write(DataOutputStream out) throws IOException;
+    }
+
+    private static DataInputStream dispatch(Writing request) throws IOException {
+        ByteArrayOutputStream requestBytes = new ByteArrayOutputStream();
+        DataOutputStream requestOut = new DataOutputStream(requestBytes);
+        request.write(requestOut);
+        requestOut.flush();
+        ByteArrayOutputStream response = new ByteArrayOutputStream();
+        DataOutputStream out = new DataOutputStream(response);
+        RequestProcessing.dispatchRequest(new DataInputStream(new ByteArrayInputStream(requestBytes.toByteArray())),
+                out, null);
+        out.flush();
+        return new DataInputStream(new ByteArrayInputStream(response.toByteArray()));
+    }
+
+    private static String readError(DataInputStream in) throws IOException {
+        assertEquals(Protocol.MAGIC, in.readLong());
+        assertEquals(Protocol.PACKET_ERROR_RESP, in.readInt());
+        return Packet.readString(in);
+    }
+
+    @Test
+    void unknownTypeIsAnErrorAndEndsTheConnection() throws IOException {
+        DataInputStream in = dispatch(out -> {
+            Packet.writeHeader(out, 424242);
+            Packet.writeHeader(out, Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+        });
+        assertEquals("Unknown packet type: 424242. Reason: profiler agent and client version mismatch",
+                readError(in));
+        assertEquals(-1, in.read(), "only one request per connection outside a sequence");
+    }
+
+    @Test
+    void sequenceCarriesSeveralRequestsAndItsEndAloneIsHarmless() throws IOException {
+        DataInputStream lone = dispatch(out -> Packet.writeHeader(out, Protocol.PACKET_PACKET_SEQUENCE_END));
+        assertEquals(-1, lone.read(), "no frame at all");
+
+        DataInputStream in = dispatch(out -> {
+            Packet.writeHeader(out, Protocol.PACKET_PACKET_SEQUENCE_START);
+            Packet.writeHeader(out, Protocol.PACKET_SET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+            Packet.writeInt(out, 100);
+            Packet.writeHeader(out, Protocol.PACKET_SET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+            Packet.writeInt(out, 0);
+            Packet.writeHeader(out, Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+            Packet.writeHeader(out, Protocol.PACKET_PERIODICAL_CAPTURE_SETUP_REQ);
+            Packet.writeLong(out, -1);
+            Packet.writeInt(out, 0);
+            Packet.writeHeader(out, Protocol.PACKET_PERIODICAL_CAPTURE_GET_STATUS_REQ);
+            Packet.writeHeader(out, Protocol.PACKET_PACKET_SEQUENCE_END);
+            Packet.writeHeader(out, Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+        });
+        assertEquals("Bad threshold value: 100. Should not be more than 99; 0 means turn off", readError(in));
+        Packet.readHeaderWithStandardResponse(in);
+        Packet.readHeaderWithStandardResponse(in);
+        assertEquals(0, in.readInt());
+        Packet.readHeaderWithStandardResponse(in);
+        Packet.readHeaderWithStandardResponse(in);
+        assertEquals(-1, in.readLong());
+        assertEquals(0, in.readInt());
+        assertEquals(0, in.readInt());
+        assertEquals(-1, in.read(), "the request after the end of the sequence is not served");
+    }
+
+    @Test
+    void brokenFramesEndTheConnectionWithAnIOException() {
+        assertThrows(IOException.class, () -> dispatch(out -> out.writeLong(42)));
+        assertThrows(EOFException.class, () -> dispatch(out -> out.writeInt(7)));
+        assertThrows(EOFException.class, () -> dispatch(out -> {
+            Packet.writeHeader(out, Protocol.PACKET_SET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+            out.writeShort(1);
+        }));
+    }
+
+    @Test
+    void threadDumpListsLiveThreadsWithTheirStacks() throws Exception {
+        Thread sleeper = new Thread(() -> {
+            try {
+                Thread.sleep(60000);
+            } catch (InterruptedException e) {
+                // done
+            }
+        }, "dump-test-sleeper");
+        sleeper.start();
+        try {
+            DataInputStream in = dispatch(out -> Packet.writeHeader(out, Protocol.PACKET_GET_JVM_THREAD_DUMP_REQ));
+            Packet.readHeaderWithStandardResponse(in);
+            assertTrue(in.readLong() >= 0);
+            int count = in.readInt();
+            ThreadInfoRes found = null;
+            for (int i = 0; i < count; i++) {
+                ThreadInfoRes info = ThreadInfoRes.read(in);
+                if (info.myThreadName.equals("dump-test-sleeper")) {
+                    found = info;
+                }
+            }
+            assertEquals(-1, in.read(), "the count matches the threads written");
+            assertTrue(found != null);
+            assertEquals(sleeper.getId(), found.myThreadId);
+            assertEquals(Thread.State.TIMED_WAITING.ordinal(), found.myState);
+            assertEquals("sleep", found.myStackTrace[0].myMethodName);
+        } finally {
+            sleeper.interrupt();
+        }
+    }
+
+    @Test
+    void nativeWrapperFramesAreFolded() {
+        StackTraceElement[] stack = {
+            new StackTraceElement("java.io.FileInputStream", "$$KJP$$readBytes", null, -2),
+            new StackTraceElement("java.io.FileInputStream", "readBytes", "FileInputStream.java", 12),
+            new StackTraceElement("app.Main", "main", "Main.java", 7),
+            new StackTraceElement("app.Main", "$$KJP$$last", null, -2),
+        };
+        StackTraceElementRes[] folded = TelemetryThreadJVMTI.foldNativeWrappers(stack);
+        assertEquals(3, folded.length);
+        assertEquals("java.io.FileInputStream.readBytes(FileInputStream.java:-2)", folded[0].toString());
+        assertEquals("app.Main.main(Main.java:7)", folded[1].toString());
+        assertEquals("$$KJP$$last", folded[2].myMethodName, "a wrapper frame without a successor stays");
+    }
+
+    // Reads what writeCompressedBlocks wrote: blocks of pieces, each block ended by a 0.
+    private static List<byte[]> readBlocks(byte[] stream) throws Exception {
+        DataInputStream in = new DataInputStream(new ByteArrayInputStream(stream));
+        List<byte[]> blocks = new ArrayList<>();
+        while (in.available() > 0) {
+            Inflater inflater = new Inflater(true);
+            ByteArrayOutputStream block = new ByteArrayOutputStream();
+            byte[] output = new byte[Protocol.TRANSFER_UNCOMPRESSED_CHUNK_SIZE];
+            int length;
+            while ((length = in.readInt()) != 0) {
+                assertTrue(length > 0 && length <= Protocol.TRANSFER_COMPRESSED_CHUNK_SIZE, "piece length " + length);
+                byte[] piece = new byte[length];
+                in.readFully(piece);
+                inflater.setInput(piece);
+                int n;
+                while ((n = inflater.inflate(output)) > 0) {
+                    block.write(output, 0, n);
+                }
+            }
+            assertTrue(inflater.finished(), "each block is a complete deflate stream");
+            inflater.end();
+            blocks.add(block.toByteArray());
+        }
+        return blocks;
+    }
+
+    private static byte[] compress(byte[] data) throws IOException {
+        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+        DataOutputStream out = new DataOutputStream(bytes);
+        Deflater deflater = new Deflater(Deflater.DEFAULT_COMPRESSION, true);
+        try {
+            RequestProcessing.writeCompressedBlocks(new ByteArrayInputStream(data), out, deflater);
+        } finally {
+            deflater.end();
+        }
+        out.flush();
+        return bytes.toByteArray();
+    }
+
+    @Test
+    void compressedTransferIsOneRawDeflateStreamPerBlock() throws Exception {
+        assertEquals(0, compress(new byte[0]).length, "an empty file has no chunk at all");
+
+        // Random bytes don't compress: a 128 KB block needs more than one 64 KB piece.
+        byte[] data = new byte[Protocol.TRANSFER_UNCOMPRESSED_CHUNK_SIZE + 1000];
+        new Random(7).nextBytes(data);
+        for (int i = 0; i < 1000; i++) {
+            data[Protocol.TRANSFER_UNCOMPRESSED_CHUNK_SIZE + i] = (byte) (i % 3);
+        }
+        byte[] stream = compress(data);
+        DataInputStream in = new DataInputStream(new ByteArrayInputStream(stream));
+        assertEquals(Protocol.TRANSFER_COMPRESSED_CHUNK_SIZE, in.readInt(), "the first piece fills the buffer");
+
+        List<byte[]> blocks = readBlocks(stream);
+        assertEquals(2, blocks.size());
+        ByteArrayOutputStream joined = new ByteArrayOutputStream();
+        for (byte[] block : blocks) {
+            joined.write(block);
+        }
+        assertArrayEquals(data, joined.toByteArray());
+    }
+}

@@ -1,0 +1,84 @@
+package com.kestrix.runtime;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+
+import java.io.File;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.text.SimpleDateFormat;
+import java.util.Date;
+import java.util.Locale;
+import java.util.TimeZone;
+
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+class SnapshotNamingTest {
+    @TempDir
+    Path myDir;
+
+    private static Date date(String text) throws Exception {
+        SimpleDateFormat format = new SimpleDateFormat("yyyy-MM-dd HH:mm", Locale.US);
+        format.setTimeZone(TimeZone.getDefault());
+        return format.parse(text);
+    }
+
+    private void touch(String name) throws IOException {
+        Files.createFile(myDir.resolve(name));
+    }
+
+    @Test
+    void baseNameIsSessionDateAndPostfix() throws Exception {
+        Date date = date("2024-03-07 23:59");
+        assertEquals("my_app_v2.1-2024-03-07-shutdown", Agent.makeSnapshotName("my app/v2.1", "shutdown", date));
+        assertEquals("a_b_c_-2024-03-07", Agent.makeSnapshotName("a\\b:c\t", null, date));
+        assertEquals("2024-03-07-periodic", Agent.makeSnapshotName("", "periodic", date));
+        assertEquals("2024-03-07", Agent.makeSnapshotName(null, "", date));
+        // Non-ASCII letters stay whole, as in the agent's own exit snapshots.
+        assertEquals("M\u00fcller_\u65e5\u672c-2024-03-07-low-memory",
+                Agent.makeSnapshotName("M\u00fcller \u65e5\u672c", "low-memory", date));
+    }
+
+    @Test
+    void numbersFollowTheHighestInUseAndNeverFillGaps() throws IOException {
+        File dir = myDir.toFile();
+        assertEquals(new File(dir, "s.snapshot"), Agent.suggestSnapshotFile(dir, "s", ".snapshot"));
+
+        touch("s.snapshot");
+        assertEquals(new File(dir, "s(1).snapshot"), Agent.suggestSnapshotFile(dir, "s", ".snapshot"));
+
+        touch("s(7).snapshot");
+        assertEquals(new File(dir, "s(8).snapshot"), Agent.suggestSnapshotFile(dir, "s", ".snapshot"));
+
+        // Not ours: letters in the parentheses, other extensions, other names, empty parentheses.
+        touch("s(abc).snapshot");
+        touch("s(99).hprof");
+        touch("s(12x).snapshot");
+        touch("s().snapshot");
+        touch("st(50).snapshot");
+        touch("s(-20).snapshot");
+        touch("s(1234567890).snapshot");
+        assertEquals(new File(dir, "s(8).snapshot"), Agent.suggestSnapshotFile(dir, "s", ".snapshot"));
+        assertEquals(new File(dir, "s(100).hprof"), Agent.suggestSnapshotFile(dir, "s", ".hprof"));
+
+        // A numbered file alone still counts; the plain name is number 0.
+        assertEquals(new File(dir, "st(51).snapshot"), Agent.suggestSnapshotFile(dir, "st", ".snapshot"));
+    }
+
+    @Test
+    void fullSuggestionUsesTodayAndRefusesAFile() throws IOException {
+        File dir = myDir.toFile();
+        String today = new SimpleDateFormat("yyyy-MM-dd", Locale.US).format(new Date());
+        File first = Agent.suggestSnapshotFile(dir, "Main", "shutdown", ".snapshot");
+        assertEquals(new File(dir, "Main-" + today + "-shutdown.snapshot"), first);
+        Files.createFile(first.toPath());
+        assertEquals(new File(dir, "Main-" + today + "-shutdown(1).snapshot"),
+                Agent.suggestSnapshotFile(dir, "Main", "shutdown", ".snapshot"));
+
+        File plainFile = Files.createFile(myDir.resolve("not-a-dir")).toFile();
+        assertThrows(IllegalArgumentException.class,
+                () -> Agent.suggestSnapshotFile(plainFile, "Main", null, ".snapshot"));
+    }
+}
