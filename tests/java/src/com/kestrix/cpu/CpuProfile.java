@@ -1,0 +1,184 @@
+package com.kestrix.cpu;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+
+import com.kestrix.test.Jvm;
+import com.kestrix.tools.snapshot.Snapshot;
+import com.kestrix.tools.snapshot.SnapshotReader;
+import com.kestrix.tools.snapshot.Table;
+import com.kestrix.tools.snapshot.TableLayout;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.HashMap;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
+
+/**
+ * The CPU figures of an exit snapshot, per thread name and call path. A path is the list of
+ * methods from the thread's outermost frame down, each written "Class.method" without
+ * signature; figures are the time (ns, inclusive) and the count of the path's last frame.
+ */
+final class CpuProfile {
+    static final String PROGRAM = "com.kestrix.programs.CpuScenarios";
+
+    /** The figures of one (thread, frame) pair. */
+    static final class Node {
+        final List<String> path;
+        long time;
+        long count;
+
+        Node(List<String> path) {
+            this.path = path;
+        }
+
+        String last() {
+            return path.get(path.size() - 1);
+        }
+
+        @Override
+        public String toString() {
+            return String.join(" > ", path) + " time=" + time + " count=" + count;
+        }
+    }
+
+    final Path file;
+    final Jvm.Result run;
+    private final Map<String, List<Node>> myNodesByThread = new LinkedHashMap<>();
+
+    private CpuProfile(Path file, Jvm.Result run, Snapshot snapshot) {
+        this.file = file;
+        this.run = run;
+        Map<Integer, String> threadBySlot = new HashMap<>();
+        Table threads = snapshot.table(TableLayout.THREAD);
+        for (int row = 0; row < threads.size(); row++) {
+            int slot = threads.getInt(row, TableLayout.THREAD.field("indexForTFI"));
+            if (threads.stamp(row) > 0 && slot != 0) {
+                threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
+            }
+        }
+        Table methods = snapshot.table(TableLayout.METHOD);
+        Table frames = snapshot.table(TableLayout.FRAME);
+        Table pairs = snapshot.table(TableLayout.THREADFRAME);
+        Table cpu = snapshot.table(TableLayout.CPUPROFILING);
+        Map<Integer, List<String>> paths = new HashMap<>();
+        for (int row = 0; row < cpu.size(); row++) {
+            if (cpu.stamp(row) <= 0) {
+                continue;
+            }
+            int pair = pairs.rowOf(cpu.index(row));
+            if (pair < 0 || pairs.stamp(pair) <= 0) {
+                continue;
+            }
+            String thread = threadBySlot.get(pairs.getInt(pair, TableLayout.THREADFRAME.field("threadIndexForTFI")));
+            if (thread == null) {
+                continue;
+            }
+            int frame = pairs.getInt(pair, TableLayout.THREADFRAME.field("frameID"));
+            List<String> path = paths.computeIfAbsent(frame, f -> pathOf(snapshot, frames, methods, f));
+            Node node = new Node(path);
+            node.time = cpu.getLong(row, TableLayout.CPUPROFILING.field("time"));
+            node.count = cpu.getLong(row, TableLayout.CPUPROFILING.field("count"));
+            myNodesByThread.computeIfAbsent(thread, t -> new ArrayList<>()).add(node);
+        }
+    }
+
+    private static List<String> pathOf(Snapshot snapshot, Table frames, Table methods, int frame) {
+        List<String> path = new ArrayList<>();
+        int guard = frames.size() + 1;
+        for (int current = frame; current > 0 && guard-- > 0; ) {
+            int row = frames.rowOf(current);
+            if (row < 0) {
+                path.add(0, "<missing frame " + current + ">");
+                break;
+            }
+            int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
+            String name = method < 0 ? "<unknown method>"
+                    : snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
+                            + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID")));
+            path.add(0, name);
+            current = frames.getInt(row, TableLayout.FRAME.field("parent"));
+        }
+        return path;
+    }
+
+    /** Runs the program with the agent options (dir= is added) and reads its exit snapshot. */
+    static CpuProfile record(Path jdk, Path dir, String options, String... scenarios) throws Exception {
+        List<String> args = new ArrayList<>();
+        args.add(Jvm.agentArgument(options + ",quiet,dir=" + dir));
+        args.add("-cp");
+        args.add(Jvm.programs().toString());
+        args.add(PROGRAM);
+        args.addAll(Arrays.asList(scenarios));
+        Jvm.Result run = Jvm.run(jdk, 300, args.toArray(new String[0]));
+        assertEquals(0, run.exitCode, run.toString());
+        assertEquals(true, run.stdout.contains("scenarios done"), run.toString());
+        Path snapshot;
+        try (Stream<Path> files = Files.list(dir)) {
+            snapshot = files.filter(f -> f.toString().endsWith(".snapshot")).findFirst()
+                    .orElseThrow(() -> new AssertionError("no exit snapshot in " + dir + "\n" + run));
+        }
+        return new CpuProfile(snapshot, run, SnapshotReader.read(snapshot));
+    }
+
+    /** The figure the program printed after the given label ("spinner cpu ns" and the like). */
+    long printed(String label) {
+        for (String line : run.stdout.split("\n")) {
+            if (line.startsWith(label + " ")) {
+                return Long.parseLong(line.substring(label.length() + 1).trim());
+            }
+        }
+        throw new AssertionError("the program printed no \"" + label + "\"\n" + run);
+    }
+
+    List<Node> nodes(String thread) {
+        return myNodesByThread.getOrDefault(thread, new ArrayList<>());
+    }
+
+    /** The nodes whose path ends with these methods, in this order, one calling the next. */
+    List<Node> endingWith(String thread, String... methods) {
+        List<String> tail = Arrays.asList(methods);
+        return nodes(thread).stream()
+                .filter(n -> n.path.size() >= tail.size()
+                        && n.path.subList(n.path.size() - tail.size(), n.path.size()).equals(tail))
+                .collect(Collectors.toList());
+    }
+
+    long timeEndingWith(String thread, String... methods) {
+        return endingWith(thread, methods).stream().mapToLong(n -> n.time).sum();
+    }
+
+    long countEndingWith(String thread, String... methods) {
+        return endingWith(thread, methods).stream().mapToLong(n -> n.count).sum();
+    }
+
+    /** The nodes of a thread that have this method anywhere on their path. */
+    List<Node> through(String thread, String method) {
+        return nodes(thread).stream().filter(n -> n.path.contains(method)).collect(Collectors.toList());
+    }
+
+    /** The nodes of the thread on the path to the given node, not the node itself. */
+    List<Node> callersOf(String thread, Node node) {
+        return nodes(thread).stream()
+                .filter(n -> n.path.size() < node.path.size() && node.path.subList(0, n.path.size()).equals(n.path))
+                .collect(Collectors.toList());
+    }
+
+    /** The thread's CPU time: the sum over its outermost frames. */
+    long threadTime(String thread) {
+        return nodes(thread).stream().filter(n -> n.path.size() == 1).mapToLong(n -> n.time).sum();
+    }
+
+    String dump(String thread) {
+        return "thread " + thread + " of " + file + ":\n"
+                + nodes(thread).stream().map(Node::toString).collect(Collectors.joining("\n"));
+    }
+
+    static String program(String method) {
+        return PROGRAM + "." + method;
+    }
+}

@@ -1,0 +1,127 @@
+package com.kestrix.cpu;
+
+import static com.kestrix.cpu.CpuProfile.program;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.kestrix.test.Jvm;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** CPU tracing of real JVMs, read back from the exit snapshot. One traced run per JDK serves all cases. */
+class TracedCpuTest {
+    static final int TICKS = 12345;
+    static final int LIBRARY_CALLS = 7;
+    static final long WALL_MILLIS = 600;
+    /** Every pattern of the filter file, without the star that each line gets. */
+    static final String[] FILTERED = {"com.kestrix.programs.lib.", "java.", "javax.", "jdk.", "sun.", "com.sun."};
+
+    @TempDir
+    static Path ourDir;
+    private static final Map<Path, CpuProfile> ourProfiles = new HashMap<>();
+
+    static List<Path> jdks() {
+        return Jvm.jdks();
+    }
+
+    static synchronized CpuProfile traced(Path jdk) throws Exception {
+        CpuProfile profile = ourProfiles.get(jdk);
+        if (profile == null) {
+            Path dir = Files.createTempDirectory(ourDir, "run");
+            StringBuilder filters = new StringBuilder("# the default packages and the test library\n");
+            for (String pattern : FILTERED) {
+                filters.append(pattern).append("*\n");
+            }
+            Path filterFile = Files.writeString(dir.resolve("filters.txt"), filters);
+            Path wallTime = Files.writeString(dir.resolve("walltime.txt"), CpuProfile.PROGRAM + " wallBlocked *\n");
+            Path snapshots = Files.createDirectory(dir.resolve("snapshots"));
+            profile = CpuProfile.record(jdk, snapshots, "tracing,filters=" + filterFile + ",walltimespec=" + wallTime,
+                    "count:" + TICKS, "spin:1000", "library:" + LIBRARY_CALLS, "idle:" + WALL_MILLIS);
+            ourProfiles.put(jdk, profile);
+        }
+        return profile;
+    }
+
+    static boolean isFiltered(String method) {
+        for (String pattern : FILTERED) {
+            if (method.startsWith(pattern)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void everyCallIsCountedOnItsPath(Path jdk) throws Exception {
+        CpuProfile profile = traced(jdk);
+        String loop = program("countLoop");
+        String tick = program("tick");
+        assertEquals(1, profile.countEndingWith("counter", loop), profile.dump("counter"));
+        assertEquals(TICKS, profile.countEndingWith("counter", loop, tick), profile.dump("counter"));
+        assertEquals(TICKS, profile.countEndingWith("counter", loop, tick, program("lcg")), profile.dump("counter"));
+        // One path per call chain: the tree keeps no duplicate of the loop's node.
+        assertEquals(1, profile.endingWith("counter", loop, tick).size(), profile.dump("counter"));
+        long loopTime = profile.timeEndingWith("counter", loop);
+        long tickTime = profile.timeEndingWith("counter", loop, tick);
+        assertTrue(tickTime > 0 && tickTime <= loopTime, profile.dump("counter"));
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void aSpinGetsTheCPUTimeTheThreadMeasuredAndAWallTimeMethodItsWallTime(Path jdk) throws Exception {
+        CpuProfile profile = traced(jdk);
+        long measured = profile.printed("spinner cpu ns");
+        String spin = program("spinFor");
+        assertEquals(1, profile.countEndingWith("spinner", spin), profile.dump("spinner"));
+        long traced = profile.timeEndingWith("spinner", spin);
+        assertTrue(Math.abs(traced - measured) <= measured / 10,
+                "traced " + traced + " ns against " + measured + " ns measured\n" + profile.dump("spinner"));
+
+        long blockedWall = profile.printed("blocked wall ns");
+        long charged = profile.timeEndingWith("blocked", program("wallBlocked"));
+        assertTrue(Math.abs(charged - blockedWall) <= blockedWall / 10,
+                "charged " + charged + " ns against " + blockedWall + " ns blocked\n" + profile.dump("blocked"));
+        // Its callers run on the CPU clock and are raised to the wall-time callee.
+        for (CpuProfile.Node node : profile.endingWith("blocked", program("wallBlocked"))) {
+            for (CpuProfile.Node caller : profile.callersOf("blocked", node)) {
+                assertTrue(caller.time >= node.time, caller + "\n" + profile.dump("blocked"));
+            }
+        }
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void filteredCallsCollapseIntoTheFirstFilteredMethodAndCallbacksHangUnderIt(Path jdk) throws Exception {
+        CpuProfile profile = traced(jdk);
+        String app = program("appWork");
+        String outer = "com.kestrix.programs.lib.LibA.outer";
+        String callback = program("callback");
+        assertEquals(LIBRARY_CALLS, profile.countEndingWith("library", app, outer), profile.dump("library"));
+        assertEquals(LIBRARY_CALLS, profile.countEndingWith("library", app, outer, callback), profile.dump("library"));
+        assertTrue(profile.through("library", "com.kestrix.programs.lib.LibA.inner").isEmpty(), profile.dump("library"));
+        assertTrue(profile.through("library", "com.kestrix.programs.lib.LibB.deep").isEmpty(), profile.dump("library"));
+
+        // The JDK's sort is one node, whatever it calls inside, with the comparator right under it.
+        String sortWork = program("sortWork");
+        String compare = "com.kestrix.programs.CpuScenarios$ByValue.compare";
+        assertTrue(profile.countEndingWith("library", sortWork, "java.util.Collections.sort", compare) > 0,
+                profile.dump("library"));
+
+        // No thread of the program has two filtered methods in a row anywhere on a path.
+        for (String thread : new String[] {"library", "counter", "spinner", "main"}) {
+            for (CpuProfile.Node node : profile.nodes(thread)) {
+                for (int i = 1; i < node.path.size(); i++) {
+                    assertTrue(!(isFiltered(node.path.get(i - 1)) && isFiltered(node.path.get(i))),
+                            node + "\n" + profile.dump(thread));
+                }
+            }
+        }
+    }
+}
