@@ -5,12 +5,18 @@
 
 #include "agent/CPUTime.h"
 #include "agent/CallbackJar.h"
+#include "agent/ClassEvents.h"
 #include "agent/LifecycleEvents.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
 #include "db/DB.h"
+#include "engines/AllocationEntry.h"
+#include "engines/ObjectEnumerator.h"
+#include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
+#include "instrument/CallbackPatcher.h"
+#include "instrument/ClassLoadHook.h"
 
 namespace {
 
@@ -138,11 +144,22 @@ void installEventCallbacks() {
   callbacks.ThreadStart = threadStart;
   callbacks.ThreadEnd = threadEnd;
   callbacks.Exception = exception;
+  callbacks.ClassFileLoadHook = class_file_load_hook_handler;
+  // Mode changes switch the probes by redefining the callback class that the hook prepared.
+  ourRedefineCallback = redefineCallback;
+  callbacks.ClassLoad = class_alloc_handler;
+  callbacks.ClassPrepare = classPrepare;
+  callbacks.ExceptionCatch = exception_catch;
+  callbacks.ObjectFree = objectFree;
+  // Switched on only while allocations are recorded.
+  callbacks.VMObjectAlloc = vm_object_alloc_handler;
   check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks))));
 
   // Events of engines that are part of the library are switched on here too, in this order.
   const jvmtiEvent enabledAtLoad[] = {
       JVMTI_EVENT_VM_INIT,    JVMTI_EVENT_VM_START,     JVMTI_EVENT_VM_DEATH,
+      JVMTI_EVENT_CLASS_FILE_LOAD_HOOK,
+      JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH, JVMTI_EVENT_OBJECT_FREE,
       JVMTI_EVENT_THREAD_END, JVMTI_EVENT_THREAD_START,
   };
   for (jvmtiEvent event : enabledAtLoad) {
@@ -183,6 +200,7 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
   if (!ourOptions.parse(options)) {
     exit(1);
   }
+  ourObjectEnumerator = new ObjectEnumerator();
   DB::createAndInitializeDB(ourOptions.myTelemetryLimit);
 
   bool notAvailable = false;

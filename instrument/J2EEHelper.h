@@ -1,6 +1,8 @@
 #ifndef KJP_J2EEHELPER_H
 #define KJP_J2EEHELPER_H
 
+#include <jni.h>
+
 #include "agent/KSet.h"
 #include "instrument/J2EEMethod.h"
 
@@ -24,6 +26,11 @@ class J2EEHelper {
 
   // The catalogue entry with this name and descriptor, or null.
   static const J2EEMethod* find(const char* name, const char* descriptor);
+
+  // Whether the class is one of the catalogue's interfaces or implements one, directly, through
+  // its interfaces' supertypes or through a superclass. Asks the JVM, through ourJVMTI, about
+  // a class that is at least prepared.
+  static bool isClassImplementsSQLInterfaces(JNIEnv* env, jclass klass);
 };
 
 #endif

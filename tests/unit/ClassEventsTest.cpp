@@ -1,0 +1,262 @@
+#include <set>
+#include <string>
+#include <vector>
+
+#include "CPUTestSupport.h"
+#include "agent/ClassEvents.h"
+#include "instrument/J2EEHelper.h"
+
+namespace {
+
+// A class as the JVM describes it: its signature, direct interfaces and superclass.
+struct FakeClass {
+  std::string signature;
+  bool isInterface;
+  std::vector<FakeClass*> interfaces;
+  FakeClass* superclass;
+};
+
+std::set<const void*> ourFakeClasses;
+jvmtiError(JNICALL* ourMethodClassSignature)(jvmtiEnv*, jclass, char**, char**) = nullptr;
+std::vector<std::pair<jobject, jlong>> ourJ2EETags;
+bool ourNullSignatures = false;
+
+FakeClass* classOf(jclass klass) { return reinterpret_cast<FakeClass*>(klass); }
+jclass handleOf(FakeClass* klass) { return reinterpret_cast<jclass>(klass); }
+
+class ClassEventsTest : public CPUEngineTest {
+ protected:
+  void SetUp() override {
+    CPUEngineTest::SetUp();
+    ourFakeClasses.clear();
+    ourJ2EETags.clear();
+    ourNullSignatures = false;
+    // Method handles stand for their classes in the CPU fake; fake classes answer for themselves.
+    ourMethodClassSignature = myJVMTITable.GetClassSignature;
+    myJVMTITable.GetClassSignature = [](jvmtiEnv* env, jclass klass, char** signature, char** generic) -> jvmtiError {
+      if (ourFakeClasses.count(klass) == 0) {
+        return ourMethodClassSignature(env, klass, signature, generic);
+      }
+      EXPECT_EQ(nullptr, generic);
+      if (ourNullSignatures) {
+        *signature = nullptr;
+        return JVMTI_ERROR_NONE;
+      }
+      const std::string& text = classOf(klass)->signature;
+      *signature = static_cast<char*>(malloc(text.size() + 1));
+      memcpy(*signature, text.c_str(), text.size() + 1);
+      ourFakeCPUVM->outstandingAllocations++;
+      return JVMTI_ERROR_NONE;
+    };
+    myJVMTITable.GetImplementedInterfaces = [](jvmtiEnv*, jclass klass, jint* count, jclass** interfaces) -> jvmtiError {
+      std::vector<FakeClass*>& direct = classOf(klass)->interfaces;
+      *count = static_cast<jint>(direct.size());
+      *interfaces = static_cast<jclass*>(malloc(sizeof(jclass) * (direct.size() + 1)));
+      ourFakeCPUVM->outstandingAllocations++;
+      for (size_t i = 0; i < direct.size(); i++) {
+        (*interfaces)[i] = handleOf(direct[i]);
+      }
+      return JVMTI_ERROR_NONE;
+    };
+    myJVMTITable.IsInterface = [](jvmtiEnv*, jclass klass, jboolean* isInterface) -> jvmtiError {
+      *isInterface = classOf(klass)->isInterface ? JNI_TRUE : JNI_FALSE;
+      return JVMTI_ERROR_NONE;
+    };
+    myJNITable.GetSuperclass = [](JNIEnv*, jclass klass) -> jclass { return handleOf(classOf(klass)->superclass); };
+
+    myJ2EETable = {};
+    myJ2EETable.SetTag = [](jvmtiEnv*, jobject object, jlong tag) -> jvmtiError {
+      ourJ2EETags.push_back({object, tag});
+      return JVMTI_ERROR_NONE;
+    };
+    myJ2EEEnv.functions = &myJ2EETable;
+    mySavedJVMTI6 = ourJVMTI6;
+    ourJVMTI6 = &myJ2EEEnv;
+  }
+
+  void TearDown() override {
+    ourJVMTI6 = mySavedJVMTI6;
+    for (FakeClass* klass : myClasses) {
+      delete klass;
+    }
+    ourFakeClasses.clear();
+    CPUEngineTest::TearDown();
+  }
+
+  FakeClass* declare(const char* signature, bool isInterface, std::vector<FakeClass*> interfaces,
+                     FakeClass* superclass) {
+    FakeClass* klass = new FakeClass{signature, isInterface, interfaces, superclass};
+    myClasses.push_back(klass);
+    ourFakeClasses.insert(klass);
+    return klass;
+  }
+
+  bool implementsSQL(FakeClass* klass) { return J2EEHelper::isClassImplementsSQLInterfaces(&myEnv, handleOf(klass)); }
+
+  std::vector<FakeClass*> myClasses;
+  jvmtiInterface_1_ myJ2EETable;
+  _jvmtiEnv myJ2EEEnv;
+  jvmtiEnv* mySavedJVMTI6 = nullptr;
+};
+
+TEST_F(ClassEventsTest, CatalogueInterfacesAreFoundThroughInterfacesAndSuperclasses) {
+  FakeClass* object = declare("Ljava/lang/Object;", false, {}, nullptr);
+  FakeClass* runnable = declare("Ljava/lang/Runnable;", true, {}, nullptr);
+  FakeClass* connection = declare("Ljava/sql/Connection;", true, {}, nullptr);
+  FakeClass* dirContext = declare("Ljavax/naming/directory/DirContext;", true, {}, nullptr);
+  FakeClass* pooled = declare("Lcom/acme/PooledConnection;", true, {runnable, connection}, nullptr);
+  FakeClass* base = declare("Lcom/acme/AbstractConnection;", false, {pooled}, object);
+  FakeClass* concrete = declare("Lcom/acme/MyConnection;", false, {}, base);
+  FakeClass* unrelated = declare("Lcom/acme/Closer;", false, {runnable}, object);
+  FakeClass* ldap = declare("Lcom/acme/Ldap;", false, {runnable, dirContext}, object);
+
+  EXPECT_TRUE(implementsSQL(connection));
+  EXPECT_TRUE(implementsSQL(pooled));
+  EXPECT_TRUE(implementsSQL(base));
+  EXPECT_TRUE(implementsSQL(ldap));
+  EXPECT_FALSE(implementsSQL(unrelated));
+  EXPECT_FALSE(implementsSQL(object));
+
+  // Every interface handle and every superclass reached is given back to the JVM.
+  myFake.deletedRefs = 0;
+  EXPECT_TRUE(implementsSQL(concrete));
+  // base (superclass of concrete), pooled (interface of base), runnable and connection
+  // (interfaces of pooled); the search stops before base's superclass.
+  EXPECT_EQ(4, myFake.deletedRefs);
+  myFake.deletedRefs = 0;
+  EXPECT_FALSE(implementsSQL(unrelated));
+  EXPECT_EQ(2, myFake.deletedRefs);  // runnable and Object
+}
+
+TEST_F(ClassEventsTest, PreparedClassesImplementingCatalogueInterfacesAreMarkedOnTheirOwnEnvironment) {
+  FakeClass* object = declare("Ljava/lang/Object;", false, {}, nullptr);
+  FakeClass* statement = declare("Ljava/sql/Statement;", true, {}, nullptr);
+  FakeClass* prepared = declare("Ljava/sql/PreparedStatement;", true, {statement}, nullptr);
+  FakeClass* impl = declare("Lcom/acme/Stmt;", false, {prepared}, object);
+  FakeClass* unrelated = declare("Lcom/acme/Other;", false, {}, object);
+
+  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(prepared));  // an interface: never marked
+  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(unrelated));
+  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  ASSERT_EQ(1u, ourJ2EETags.size());
+  EXPECT_EQ(reinterpret_cast<jobject>(impl), ourJ2EETags[0].first);
+  EXPECT_EQ(1, ourJ2EETags[0].second);
+
+  // Without the environment the class is prepared all the same, unmarked.
+  ourJVMTI6 = nullptr;
+  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  EXPECT_EQ(1u, ourJ2EETags.size());
+}
+
+TEST_F(ClassEventsTest, AClassWithoutSignatureIsRefused) {
+  FakeClass* object = declare("Ljava/lang/Object;", false, {}, nullptr);
+  FakeClass* runnable = declare("Ljava/lang/Runnable;", true, {}, nullptr);
+  FakeClass* klass = declare("Lcom/acme/Task;", false, {runnable}, object);
+  ourNullSignatures = true;
+  EXPECT_DEATH(implementsSQL(klass), "classSig");
+}
+
+class J2EECatchTest : public CPUEngineTest {
+ protected:
+  void SetUp() override {
+    CPUEngineTest::SetUp();
+    myThread = startThread("worker");
+    myFake.currentThread = myThread;
+    myRun = myFake.method("Lapp/Main;", "run");
+    myServe = myFake.method("Lapp/Servlet;", "service");
+    myQuery = myFake.method("Lapp/Dao;", "query");
+    myExecute = myFake.method("Ljdbc/Stmt;", "execute");
+    ourStatus = STACK_TELEMETRY | CPU_TIMES_BIT | CPU_J2EE_BIT;
+  }
+
+  // Open J2EE calls at these frames, outermost first, each with its time.
+  void open(std::vector<jint> frames) {
+    myRecords.resize(frames.size());
+    for (size_t i = 0; i < frames.size(); i++) {
+      myRecords[i] = J2EERecord{};
+      myRecords[i].myFrame = frames[i];
+    }
+    for (size_t i = 0; i < frames.size(); i++) {
+      myThread->myJ2EERecordsStack.push(&myRecords[i]);
+      myThread->myJ2EETimesStack.push(static_cast<jlong>(100 + i));
+    }
+  }
+
+  jint frameOf(std::vector<jmethodID> outermostFirst) {
+    jint frame = 0;
+    for (jmethodID method : outermostFirst) {
+      frame = ourFrameStorage.getChild(frame, indexOf(method));
+    }
+    return frame;
+  }
+
+  void caught() { exception_catch(&myJVMTI, &myEnv, nullptr, myRun, 0, nullptr); }
+
+  ThreadInfo* myThread = nullptr;
+  jmethodID myRun = nullptr;
+  jmethodID myServe = nullptr;
+  jmethodID myQuery = nullptr;
+  jmethodID myExecute = nullptr;
+  std::vector<J2EERecord> myRecords;
+};
+
+TEST_F(J2EECatchTest, CallsWhoseFramesWereUnwoundAreDroppedWithTheirTimesUpToTheFirstOneStillOnTheStack) {
+  jint serve = frameOf({myRun, myServe});
+  jint query = frameOf({myRun, myServe, myQuery});
+  jint execute = frameOf({myRun, myServe, myQuery, myExecute});
+  jint elsewhere = frameOf({myRun, myExecute});
+  // The exception unwound execute and query; service caught it.
+  open({serve, elsewhere, query, execute});
+  myFake.currentStack = {myServe, myRun};
+  caught();
+  ASSERT_EQ(1, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(&myRecords[0], myThread->myJ2EERecordsStack.get(0));
+  ASSERT_EQ(1, myThread->myJ2EETimesStack.size());
+  EXPECT_EQ(100, myThread->myJ2EETimesStack.get(0));
+
+  // The innermost open call is still on the stack: nothing moves, even below it.
+  myThread->myJ2EERecordsStack.clear();
+  myThread->myJ2EETimesStack.clear();
+  open({elsewhere, query});
+  myFake.currentStack = {myExecute, myQuery, myServe, myRun};
+  caught();
+  EXPECT_EQ(2, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(2, myThread->myJ2EETimesStack.size());
+
+  // Everything unwound: both stacks end empty.
+  myFake.currentStack = {myRun};
+  caught();
+  EXPECT_EQ(0, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(0, myThread->myJ2EETimesStack.size());
+}
+
+TEST_F(J2EECatchTest, OnlyJ2EEProfilingTrimsAndTracingGetsItsFilterBitsRefilled) {
+  jint query = frameOf({myRun, myServe, myQuery});
+  open({query});
+  myFake.currentStack = {myRun};
+  ourStatus = STACK_TELEMETRY | CPU_TIMES_BIT;
+  caught();
+  EXPECT_EQ(1, myThread->myJ2EERecordsStack.size());
+
+  ourStatus = STACK_TELEMETRY | CPU_PROFILING;
+  myFake.currentStack = {myServe, myRun};
+  myThread->myFilteredCallsStack.push(false);
+  caught();
+  EXPECT_EQ(0, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(2, myThread->myFilteredCallsStack.size());
+
+  // A thread without state is left alone.
+  myFake.currentThread = nullptr;
+  caught();
+}
+
+TEST_F(J2EECatchTest, RecordAndTimeStacksOfDifferentSizesAreRefused) {
+  open({frameOf({myRun})});
+  myThread->myJ2EETimesStack.push(7);
+  myFake.currentStack = {myRun};
+  EXPECT_DEATH(caught(), "recordsStack->size\\(\\) == timesStack->size\\(\\)");
+  myThread->myJ2EERecordsStack.clear();
+  EXPECT_DEATH(caught(), "recordsStack->size\\(\\) == timesStack->size\\(\\)");
+}
+
+}  // namespace
