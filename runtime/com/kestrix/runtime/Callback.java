@@ -19,19 +19,19 @@ public final class Callback {
         return -1;
     }
 
-    /** Method entry probe, with the method index split into two shorts. */
-    public static void kjpMethodEntry(short high, short low) {
+    /** Method entry probe, with the method index split into two shorts, its low half first. */
+    public static void kjpMethodEntry(short low, short high) {
     }
 
-    /** Method exit probe, with the method index split into two shorts. */
-    public static void kjpMethodExit(short high, short low) {
+    /** Method exit probe, with the method index split into two shorts, its low half first. */
+    public static void kjpMethodExit(short low, short high) {
     }
 
     private static native int kjpInit0(Object object, int allocatorIndex);
 
-    private static native void kjpMethodEntry0(short high, short low);
+    private static native void kjpMethodEntry0(short low, short high);
 
-    private static native void kjpMethodExit0(short high, short low);
+    private static native void kjpMethodExit0(short low, short high);
 
     public static native void kjpSQLEntry1(Object statement, short methodIndex);
 
