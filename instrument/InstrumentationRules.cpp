@@ -2,11 +2,6 @@
 
 #include <string.h>
 
-#include "agent/JVMTI_Agent.h"
-
-bool canInstrumentNativeMethods() { return ourIsMustang && !ourIsMac; }
-
-bool isFlagUsed() { return ourIsIBM; }
 
 namespace {
 

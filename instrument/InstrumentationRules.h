@@ -1,6 +1,9 @@
 #ifndef KJP_INSTRUMENTATIONRULES_H
 #define KJP_INSTRUMENTATIONRULES_H
 
+// The first two live with the other JVM predicates in the agent core (JVMTI_Agent.cpp);
+// they are declared here too for the instrumentation's users.
+
 // Whether natives can be wrapped at all on this JVM: the prefix that lets the prefixed
 // native bind to its implementation exists since Java 6, and not on the Mac JVMs.
 bool canInstrumentNativeMethods();
