@@ -53,8 +53,6 @@ final class TelemetryView {
 
     /** Prints rows until the given number was shown (0: until the process is interrupted). */
     void run(int count) throws IOException, InterruptedException {
-        myOut.printf("%9s %12s %12s %12s %12s %8s %7s %8s %6s %6s %9s%n", "Uptime", "Heap used", "Committed",
-                "Max", "Non-heap", "Threads", "Daemon", "Classes", "CPU", "GCs", "GC time");
         int shown = 0;
         boolean first = true;
         while (count == 0 || shown < count) {
@@ -62,6 +60,10 @@ final class TelemetryView {
             TableUpdate update;
             try (AgentClient client = AgentClient.connect(myHost, myPort)) {
                 update = client.updateTables(MASK, stampsFor(myStamp));
+            }
+            if (first) {
+                myOut.printf("%9s %12s %12s %12s %12s %8s %7s %8s %6s %6s %9s%n", "Uptime", "Heap used", "Committed",
+                        "Max", "Non-heap", "Threads", "Daemon", "Classes", "CPU", "GCs", "GC time");
             }
             absorbNames(update);
             List<TableUpdate.Row> rows = update.rows(TableLayout.TELE.id).stream()
