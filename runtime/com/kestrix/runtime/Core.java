@@ -33,6 +33,7 @@ public final class Core {
 
     private static final String CANNOT_START = APP_NAME + " Cannot start:";
     private static final int BACKLOG = 50;
+    private static final long ACCEPT_RETRY_MS = 100;
 
     static int ourPort = -1;
     static File ourSnapshotDir;
@@ -338,7 +339,18 @@ public final class Core {
     }
 
     private static void serveOneClient(ServerSocket serverSocket) throws IOException {
-        Socket socket = serverSocket.accept();
+        Socket socket;
+        try {
+            socket = serverSocket.accept();
+        } catch (IOException e) {
+            // Out of descriptors, say: don't spin while it lasts.
+            try {
+                Thread.sleep(ACCEPT_RETRY_MS);
+            } catch (InterruptedException ignored) {
+                // retry at once
+            }
+            return;
+        }
         try {
             DataOutputStream out = new DataOutputStream(new BufferedOutputStream(socket.getOutputStream()));
             try {
@@ -480,6 +492,10 @@ public final class Core {
             if (!dir.isDirectory()) {
                 throw new AgentException("The snapshot directory is not a directory: " + dir.getPath());
             }
+        }
+        if (!dir.isDirectory()) {
+            // mkdirs failed: say so rather than fail in the naming below.
+            throw new AgentException("Snapshot directory doesn't exist: " + dir);
         }
         boolean hprof = (snapshotFlags & Constants.SNAPSHOT_HPROF) != 0;
         File file = Agent.suggestSnapshotFile(dir, ourSessionName, fileNamePostfix,

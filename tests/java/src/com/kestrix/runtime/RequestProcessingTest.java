@@ -107,6 +107,10 @@ class RequestProcessingTest {
         }, "dump-test-sleeper");
         sleeper.start();
         try {
+            long deadline = System.nanoTime() + 10_000_000_000L;
+            while (sleeper.getState() != Thread.State.TIMED_WAITING && System.nanoTime() < deadline) {
+                Thread.sleep(5);
+            }
             DataInputStream in = dispatch(out -> Packet.writeHeader(out, Protocol.PACKET_GET_JVM_THREAD_DUMP_REQ));
             Packet.readHeaderWithStandardResponse(in);
             assertTrue(in.readLong() >= 0);
@@ -122,7 +126,8 @@ class RequestProcessingTest {
             assertTrue(found != null);
             assertEquals(sleeper.getId(), found.myThreadId);
             assertEquals(Thread.State.TIMED_WAITING.ordinal(), found.myState);
-            assertEquals("sleep", found.myStackTrace[0].myMethodName);
+            assertTrue(found.myStackTrace.length > 0 && found.myStackTrace[0].myMethodName.startsWith("sleep"),
+                    found.myStackTrace.length == 0 ? "no frames" : found.myStackTrace[0].toString());
         } finally {
             sleeper.interrupt();
         }
