@@ -3,6 +3,9 @@
 #include <stdio.h>
 
 #include "agent/CPUTime.h"
+#include "agent/CoreInitialization.h"
+#include "agent/CoreNatives.h"
+#include "agent/JNIRedirection.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
@@ -13,7 +16,6 @@
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
-#include "snapshot/ExitSnapshot.h"
 #include "snapshot/OOMESnapshotDetector.h"
 
 void reportStartResult(int code, const char* okText, const char* failText) {
@@ -44,6 +46,7 @@ jthread createAgentThread(JNIEnv* env, const char* name) {
 
 void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
   ourVMStartCalled = true;
+  redirectJNIFunctions();
   // The callback class is on the boot class path from Agent_OnLoad on; resolving it here makes
   // a broken jar fail at start-up, not at the first probe. Its natives are registered as the
   // engines that implement them are part of the library.
@@ -65,7 +68,20 @@ void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
 }
 
 void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
+  // Measurements asked for on the command line start before the Java runtime exists, so they
+  // also cover its start-up.
+  if (ourOptions.myAllocAtStart) {
+    jint result = Java_com_kestrix_runtime_Core_startAllocationRecording(
+        env, nullptr, ourOptions.myRecordEachEnabled, ourOptions.myRecordEach, ourOptions.mySizeLimitEnabled,
+        ourOptions.mySizeLimit);
+    reportStartResult(result, "Allocations recording is started", "Cannot start allocations recording");
+  }
   startCPUProfilingFromCommandLine(env);
+  if (ourOptions.myMonitors) {
+    jint result = Java_com_kestrix_runtime_Core_startMonitorProfiling(env, nullptr);
+    reportStartResult(result, "Monitor profiling is started", "Cannot start monitor profiling");
+  }
+  initializeCore(env);
   startSamplerThread(env);
   startOOMESnapshotDetector(env);
   ourVMInitCalled = true;
@@ -75,8 +91,9 @@ void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env) {
   if (!ourVMInitCalled) {
     return;  // nothing was started, so there is nothing to save
   }
+  jlong status = ourStatus;
   ourVMDeathCalled = true;
-  captureSnapshotOnExit(env);
+  captureSnapshotOnExit(env, status);
   // The data dump event was never enabled; switching it off is kept as a harmless no-op.
   check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_DISABLE, static_cast<jvmtiEvent>(71), nullptr));
 }

@@ -1,5 +1,7 @@
 # The Java classes that travel inside the agent: compiled from runtime/ with the installed
-# javac for Java 8 (class version 52), packed and embedded into the library as byte arrays.
+# javac for Java 8 (class version 52) and embedded into the library as byte arrays. The
+# callback class goes into a jar of its own; every other class into the table that
+# initializeCore defines into the JVM.
 find_program(KJP_JAVAC javac HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 find_program(KJP_JAR jar HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 
@@ -42,4 +44,15 @@ add_custom_command(
           -DSYMBOL=ourCallbackJarBytes -P ${CMAKE_SOURCE_DIR}/cmake/EmbedFile.cmake
   DEPENDS ${KJP_CALLBACK_JAR} ${CMAKE_SOURCE_DIR}/cmake/EmbedFile.cmake
   COMMENT "Embedding the callback jar"
+  VERBATIM)
+
+# The table of the other runtime classes. Which classes there are is known only after javac
+# ran, so the script lists the class directory at build time.
+list(APPEND KJP_EMBEDDED_SOURCES "${KJP_GENERATED}/EmbeddedClasses.cpp")
+add_custom_command(
+  OUTPUT ${KJP_GENERATED}/EmbeddedClasses.cpp
+  COMMAND ${CMAKE_COMMAND} -DCLASSES_DIR=${KJP_RUNTIME_CLASSES} -DOUTPUT=${KJP_GENERATED}/EmbeddedClasses.cpp
+          -P ${CMAKE_SOURCE_DIR}/cmake/EmbedClasses.cmake
+  DEPENDS ${KJP_RUNTIME_STAMP} ${CMAKE_SOURCE_DIR}/cmake/EmbedClasses.cmake
+  COMMENT "Embedding the runtime classes"
   VERBATIM)

@@ -12,7 +12,6 @@
 #include "SnapshotTestSupport.h"
 #include "agent/Options.h"
 #include "agent/JVMTI_Agent.h"
-#include "snapshot/ExitSnapshot.h"
 #include "snapshot/OOMESnapshotDetector.h"
 #include "snapshot/SnapshotFile.h"
 
@@ -101,31 +100,6 @@ TEST(SnapshotNamingTest, DirectoryComesFromTheOptionOrTheHomeAndIsMadeWithItsPar
   touch(dir.file("file"));
   EXPECT_FALSE(makeDirectories(dir.file("file").c_str()));
   EXPECT_FALSE(makeDirectories(dir.file("file/below").c_str()));
-}
-
-TEST(ExitSnapshotTest, WantedForOnexitOptionsAndRunningMeasurementsWithHeapForAllocations) {
-  const char* arguments[] = {"java", "Main"};
-  struct Case {
-    const char* options;
-    jlong status;
-    bool wanted;
-    jlong flags;
-  };
-  const Case cases[] = {
-      {"port=10001", STACK_TELEMETRY, false, 0},
-      {"onexit=snapshot", STACK_TELEMETRY, true, 0},
-      {"onexit=memory", STACK_TELEMETRY, true, SNAPSHOT_WITH_HEAP},
-      {"sampling", STACK_TELEMETRY | CPU_TIMES_BIT | CPU_J2EE_BIT, true, 0},
-      {"quiet", STACK_TELEMETRY | MONITORS_BIT, true, 0},
-      {"alloc", STACK_TELEMETRY | ALLOCATION_RECORDING_BIT, true, SNAPSHOT_WITH_HEAP},
-  };
-  for (const Case& c : cases) {
-    Options options(arguments, 2);
-    std::string text = c.options;
-    ASSERT_TRUE(options.parse(&text[0])) << c.options;
-    EXPECT_EQ(c.wanted, isExitSnapshotWanted(c.status, options)) << c.options;
-    EXPECT_EQ(c.flags, getExitSnapshotFlags(c.status, options)) << c.options;
-  }
 }
 
 TEST(HeapDumpWatcherTest, TheFileNamedAfterThePidInADirectoryIsTheDump) {
