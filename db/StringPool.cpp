@@ -89,11 +89,18 @@ jint StringPool::collectGarbageStrings() {
   myDB->myGenerationTable->forEachStampedRecord(
       [&](jint, GenerationRecord* r) { mark(live, r->myDescriptionStrID); });
   // A property value may be a plain number; taking it for a string index at worst keeps one
-  // string too many.
-  myDB->myPropertyTable->forEachStampedRecord([&](jint, PropertyRecord* r) {
-    mark(live, r->myNameStrID);
-    mark(live, r->myValue);
-  });
+  // string too many. Names are marked on unstamped rows as well: the telemetry constants are
+  // named at start-up and stay unstamped until their first value, and their names must
+  // survive until then.
+  DBTable<PropertyRecord>* properties = myDB->myPropertyTable;
+  KIntChunkMap<PropertyRecord>& propertyRows = properties->getRecords();
+  for (jint c = 0; c < propertyRows.getChunkCount(); c++) {
+    const PropertyRecord* chunk = propertyRows.getChunk(c);
+    for (jint i = 0; chunk != nullptr && i < KIntChunkMap<PropertyRecord>::CHUNK_SIZE; i++) {
+      mark(live, chunk[i].myNameStrID);
+    }
+  }
+  properties->forEachStampedRecord([&](jint, PropertyRecord* r) { mark(live, r->myValue); });
   myDB->myExceptionTable->forEachStampedRecord([&](jint, ExceptionRecord* r) { mark(live, r->myClassNameStrID); });
 
   jint collected = 0;

@@ -131,3 +131,24 @@ TEST(StringPoolTest, CollectionReportsItsTimeWhenAsked) {
 }
 
 }  // namespace
+
+namespace {
+
+// Telemetry constants are named at start-up and only stamped with their first value; the
+// first collection runs long before that, at the first thread end.
+TEST(StringPoolTest, CollectionKeepsTheNamesOfPropertiesNotYetStamped) {
+  DB db(3600);
+  StringPool* pool = db.myStrPool;
+  PropertyRecord* property = db.myPropertyTable->createRecord();
+  jint name = pool->getDBIndex("telemetry.constant", true);
+  property->myNameStrID = name;
+  ASSERT_EQ(0, property->myModificationStamp);
+  jint unused = pool->getDBIndex("unused", true);
+
+  EXPECT_EQ(1, pool->collectGarbageStrings());
+  EXPECT_EQ(name, pool->getDBIndex("telemetry.constant", false));
+  EXPECT_EQ(0, pool->getDBIndex("unused", false));
+  EXPECT_GT(0, db.myStringTable->getRecordModificationStamp(unused));
+}
+
+}  // namespace
