@@ -54,6 +54,30 @@ class KjpOutputsTest {
         assertTrue(one.out().lines().allMatch(line -> line.startsWith("worker-1;")), one.out());
     }
 
+    @Test
+    void foldedStacksFoldFramesBelowTheDepthLimitIntoOneLineWithTheirSum() throws Exception {
+        Path file = KnownProfile.file();
+        // Depth counts methods, not the thread's frame: compute is at depth 2, helper and sqrt at 3.
+        KjpReportTest.Run folded = kjp("collapsed", "--merged", "--max-depth", "2", file.toString());
+        assertEquals(0, folded.status(), folded.err());
+        assertEquals(String.join("\n",
+                "com.example.App.main(String[]) 100000000",
+                "com.example.App.main(String[]);com.example.App.compute(int,long[]) 300000000",
+                "com.example.App.main(String[]);com.example.App.compute(int,long[]);[deeper frames] 400000000",
+                "com.example.App.main(String[]);com.example.App.helper() 200000000",
+                "com.example.Worker.run() 50000000",
+                "com.example.Worker.run();com.example.App.compute(int,long[]) 300000000",
+                "com.example.Worker.run();com.example.App.compute(int,long[]);[deeper frames] 150000000",
+                ""), folded.out());
+
+        KjpReportTest.Run bad = kjp("collapsed", "--max-depth", "0", file.toString());
+        assertEquals(2, bad.status());
+        assertTrue(bad.err().contains("--max-depth must be at least 1"), bad.err());
+        KjpReportTest.Run misplaced = kjp("report", "--max-depth", "5", file.toString());
+        assertEquals(2, misplaced.status());
+        assertTrue(misplaced.err().contains("--max-depth belongs to collapsed"), misplaced.err());
+    }
+
     /** The page's data: each frame's name with its width in nanoseconds, as the page holds them. */
     private static List<String> framesOf(String page) {
         Matcher data = Pattern.compile("id=\"flame-data\">(.*?)</script>", Pattern.DOTALL).matcher(page);

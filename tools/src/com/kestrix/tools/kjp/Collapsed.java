@@ -9,6 +9,9 @@ import java.util.Comparator;
  * the path's own value. The format that flame-graph scripts and speedscope read. Per-thread
  * trees get the thread's name as their first frame. Lines come depth first, siblings by name,
  * and are written as they are made: a long profile has more path text than fits in memory.
+ * Every line repeats its whole path, so the text grows with the square of the depth; frames
+ * deeper than a limit are folded into one "[deeper frames]" frame under their ancestor at the
+ * limit, which carries the sum of their values.
  */
 final class Collapsed {
     enum Value {
@@ -18,11 +21,22 @@ final class Collapsed {
         COUNT
     }
 
+    /** Frames deeper than this are folded, unless the caller says otherwise. */
+    static final int DEFAULT_MAX_DEPTH = 1024;
+
+    static final String DEEPER_FRAMES = "[deeper frames]";
+
     private Collapsed() {
     }
 
     /** Writes the lines of paths whose value is above 0. */
     static void write(Profile profile, Iterable<CallTree> trees, Value value, Appendable out) throws IOException {
+        write(profile, trees, value, DEFAULT_MAX_DEPTH, out);
+    }
+
+    /** As above, folding the frames below depth maxDepth (at least 1) of each path. */
+    static void write(Profile profile, Iterable<CallTree> trees, Value value, int maxDepth, Appendable out)
+            throws IOException {
         StringBuilder path = new StringBuilder();
         for (CallTree tree : trees) {
             path.setLength(0);
@@ -30,6 +44,7 @@ final class Collapsed {
                 path.append(frameName(tree.myThread.name()));
             }
             int[] pathLength = new int[tree.size()];
+            int[] depth = new int[tree.size()];
             int[] stack = new int[64];
             int top = 0;
             pathLength[0] = path.length();
@@ -46,9 +61,18 @@ final class Collapsed {
                 }
                 path.append(frameName(profile.compactMethodName(tree.myMethod[node])));
                 pathLength[node] = path.length();
-                long v = value == Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+                depth[node] = depth[tree.myParent[node]] + 1;
+                long v = value(tree, value, node);
                 if (v > 0) {
                     out.append(path).append(' ').append(Long.toString(v)).append('\n');
+                }
+                if (depth[node] >= maxDepth) {
+                    long deeper = valueBelow(tree, value, node);
+                    if (deeper > 0) {
+                        out.append(path).append(';').append(DEEPER_FRAMES).append(' ')
+                                .append(Long.toString(deeper)).append('\n');
+                    }
+                    continue;
                 }
                 int[] children = childrenByName(profile, tree, node);
                 for (int i = children.length - 1; i >= 0; i--) {
@@ -56,6 +80,28 @@ final class Collapsed {
                 }
             }
         }
+    }
+
+    private static long value(CallTree tree, Value value, int node) {
+        return value == Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+    }
+
+    /** The sum of the values of all nodes below 'node', walked without recursion. */
+    private static long valueBelow(CallTree tree, Value value, int node) {
+        long sum = 0;
+        int[] stack = new int[64];
+        int top = 0;
+        for (int child = tree.myFirstChild[node]; child != -1; child = tree.myNextSibling[child]) {
+            stack = push(stack, top++, child);
+        }
+        while (top > 0) {
+            int n = stack[--top];
+            sum += value(tree, value, n);
+            for (int child = tree.myFirstChild[n]; child != -1; child = tree.myNextSibling[child]) {
+                stack = push(stack, top++, child);
+            }
+        }
+        return sum;
     }
 
     static int[] childrenByName(Profile profile, CallTree tree, int node) {

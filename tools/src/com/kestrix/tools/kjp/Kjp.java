@@ -52,6 +52,7 @@ public final class Kjp {
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
             "  --value time|count    flame, collapsed: own CPU time in nanoseconds (default) or invocations",
             "  --min-percent P       flame: leave out frames narrower than P percent of the total (default 0.01)",
+            "  --max-depth N         collapsed: fold frames deeper than N into one \"[deeper frames]\" frame (default 1024)",
             "  -h, --help            show this text",
             "",
             "Example: kjp report ~/Snapshots/MyApp-2025-01-31-shutdown.snapshot",
@@ -78,6 +79,7 @@ public final class Kjp {
         boolean merged;
         Collapsed.Value value = Collapsed.Value.TIME;
         double minPercent = 0.01;
+        int maxDepth = Collapsed.DEFAULT_MAX_DEPTH;
         final Set<String> threads = new LinkedHashSet<>();
     }
 
@@ -169,7 +171,7 @@ public final class Kjp {
                     break;
                 }
                 case "collapsed":
-                    Collapsed.write(profile, profile.callTrees(a.merged, a.threads), a.value, writer);
+                    Collapsed.write(profile, profile.callTrees(a.merged, a.threads), a.value, a.maxDepth, writer);
                     break;
                 case "flame": {
                     List<CallTree> trees = profile.callTrees(a.merged, a.threads);
@@ -262,6 +264,18 @@ public final class Kjp {
                     }
                     break;
                 }
+                case "--max-depth": {
+                    String v = value(args, ++i, arg);
+                    try {
+                        a.maxDepth = Integer.parseInt(v);
+                    } catch (NumberFormatException e) {
+                        throw new UsageException("--max-depth needs a whole number, not '" + v + "'");
+                    }
+                    if (a.maxDepth < 1) {
+                        throw new UsageException("--max-depth must be at least 1");
+                    }
+                    break;
+                }
                 default:
                     if (arg.startsWith("-") && arg.length() > 1) {
                         throw new UsageException("unknown option '" + arg + "'");
@@ -280,6 +294,9 @@ public final class Kjp {
         }
         if (!a.command.equals("report") && (a.byThread || !a.format.equals("text"))) {
             throw new UsageException("--by-thread and --format belong to report");
+        }
+        if (!a.command.equals("collapsed") && a.maxDepth != Collapsed.DEFAULT_MAX_DEPTH) {
+            throw new UsageException("--max-depth belongs to collapsed");
         }
         if (a.command.equals("report") && (a.merged || a.value != Collapsed.Value.TIME)) {
             throw new UsageException("--merged and --value belong to flame and collapsed");
