@@ -21,6 +21,24 @@ inline jint methodFlagsUnlocked(jint methodIndex) {
 
 inline jint methodFlags(jint methodIndex) { return ourDB->myMethodTable->getRecord(methodIndex, true)->myFlags; }
 
+// Between VM Init and VM Death the phase is live and stays so; HotSpot's GetPhase moves the
+// calling thread into the VM and back, which costs more than the rest of a collapsed call, so the
+// probes ask for it only outside that window.
+inline bool isBetweenInitAndDeath() { return ourVMInitCalled && !ourVMDeathCalled; }
+
+// getThreadInfoJVMTI(null) without its phase check once the start phase, whose threads all map
+// to the pseudo-thread, lies behind.
+inline ThreadInfo* currentThreadInfo() {
+  if (!ourVMInitCalled) {
+    return getThreadInfoJVMTI(nullptr);
+  }
+  void* data = nullptr;
+  if (ourJVMTI->GetThreadLocalStorage(nullptr, &data) != JVMTI_ERROR_NONE) {
+    return nullptr;
+  }
+  return static_cast<ThreadInfo*>(data);
+}
+
 // Exact times come from the probes only with a thread clock cheap enough for every call;
 // otherwise the sampler walks the traced frames and supplies them.
 inline bool isTiming() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
@@ -37,6 +55,9 @@ jlong getMethodTimeNs(jint methodIndex) {
 }
 
 bool isMethodTracingActive() {
+  if (isBetweenInitAndDeath()) {
+    return true;
+  }
   jvmtiPhase phase;
   check_JVMTI_error(ourJVMTI->GetPhase(&phase));
   if (phase != JVMTI_PHASE_LIVE) {
@@ -108,7 +129,7 @@ void dropShadowStack(ThreadInfo* threadInfo, bool isCurrentThread) {
 }
 
 void methodEntry(JNIEnv* env, jint methodIndex) {
-  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
+  ThreadInfo* info = currentThreadInfo();
   if (info == nullptr || info->myIsAgentThread) {
     return;
   }
@@ -151,7 +172,7 @@ void methodEntry(JNIEnv* env, jint methodIndex) {
 
 void methodExit(JNIEnv* env, jint methodIndex) {
   (void)env;
-  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
+  ThreadInfo* info = currentThreadInfo();
   if (info == nullptr || info->myIsAgentThread || info->myFilteredCallsStack.isEmpty()) {
     return;
   }
@@ -176,9 +197,11 @@ void methodExit(JNIEnv* env, jint methodIndex) {
     CPUProfilingRecord* record = info->getCPUProfilingRecord(frame, true);
     KASSERT_TEXT(!info->myEntryTimesNs.isEmpty(), "!threadInfo->myEntryTimesNs.empty()");
     jlong entryTime = info->myEntryTimesNs.pop();
-    record->time += getTimeDeltaNs(getMethodTimeNs(methodIndex), entryTime, 1);
+    bool isWall = (methodFlags(methodIndex) & MF_WALL_TIME) != 0;
+    jlong now = isWall ? getTimeNs() : getCurrentThreadCPUTimeNs();
+    record->time += getTimeDeltaNs(now, entryTime, 1);
     record->myModificationStamp = ourDB->myModificationStamp;
-    if ((methodFlags(methodIndex) & MF_WALL_TIME) != 0) {
+    if (isWall) {
       info->myNeedsWallTimeCorrection = true;
     }
   }

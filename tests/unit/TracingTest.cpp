@@ -192,4 +192,53 @@ TEST_F(TracingTest, StartAndStopCheckModesAndCloseOpenCalls) {
   EXPECT_EQ(0, commandLineCPUMode(false, false, false));
 }
 
+// Between VM Init and VM Death the probes rely on the phase being live: HotSpot's GetPhase costs
+// a transition into the VM, more than a whole collapsed call.
+TEST_F(TracingTest, AnInitialisedVMIsAskedForNoPhaseUntilItDies) {
+  static int ourPhaseQueries;
+  ourPhaseQueries = 0;
+  myJVMTITable.GetPhase = [](jvmtiEnv*, jvmtiPhase* phase) -> jvmtiError {
+    ourPhaseQueries++;
+    *phase = ourFakeCPUVM->phase;
+    return JVMTI_ERROR_NONE;
+  };
+  struct InitFlagReset {
+    ~InitFlagReset() { ourVMInitCalled = false; }
+  } reset;
+  Filter::reloadFilters(KString("lib.*"), KString(""));
+  jint app = indexOf(myFake.method("Lapp/P;", "a"));
+  jint lib1 = indexOf(myFake.method("Llib/P;", "b"));
+  jint lib2 = indexOf(myFake.method("Llib/P;", "c"));
+
+  // Before VM Init the phase decides, as in the start phase where every thread is the pseudo-thread.
+  methodEntry(&myEnv, app);
+  methodExit(&myEnv, app);
+  EXPECT_GT(ourPhaseQueries, 0);
+
+  ourVMInitCalled = true;
+  ourPhaseQueries = 0;
+  for (int i = 0; i < 3; i++) {
+    methodEntry(&myEnv, app);
+    methodEntry(&myEnv, lib1);
+    methodEntry(&myEnv, lib2);
+    methodExit(&myEnv, lib2);
+    methodExit(&myEnv, lib1);
+    methodExit(&myEnv, app);
+  }
+  EXPECT_EQ(0, ourPhaseQueries);
+  EXPECT_EQ(4, cpuRow(myThread, pathFrame({app}))->count);
+  EXPECT_EQ(3, cpuRow(myThread, pathFrame({app, lib1}))->count);
+  EXPECT_EQ(-1, pathFrame({app, lib1, lib2}));
+  EXPECT_EQ(0, myThread->myCurrentFrameIndex);
+
+  // Once the VM dies, the phase is asked again and the first probe drops the stack.
+  methodEntry(&myEnv, app);
+  ourVMDeathCalled = true;
+  methodEntry(&myEnv, lib1);
+  EXPECT_GT(ourPhaseQueries, 0);
+  EXPECT_EQ(-1, myThread->myCurrentFrameIndex);
+  EXPECT_EQ(3, cpuRow(myThread, pathFrame({app, lib1}))->count);
+  ourVMDeathCalled = false;
+}
+
 }  // namespace
