@@ -384,12 +384,14 @@ class JNIRedirectionTest : public CPUEngineTest {
     ourAllocationRecordingSettings = mySavedSettings;
     ourJNICalls = nullptr;
     ourMeasuredObjects = nullptr;
+    myFake.currentThread = nullptr;
+    delete myThread;
     CPUEngineTest::TearDown();
   }
 
   std::vector<std::string> myCalls;
   std::vector<jobject> myMeasured;
-  ThreadInfo* myThread = nullptr;  // stays with the database, which the fixture drops
+  ThreadInfo* myThread = nullptr;
   jlong mySavedStatus = 0;
   AllocationRecordingSettings mySavedSettings{};
 };
