@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
     fwrite(output.getArray(), 1, static_cast<size_t>(output.size()), out);
   }
   fclose(out);
-  printf("classes: %zu, not instrumented classes: %ld, methods: %d, not instrumented methods: %ld\n", corpus.size(),
+  printf("classes: %zu, not instrumented classes: %ld, method indices handed out: %d, not instrumented methods: %ld\n", corpus.size(),
          failures, provider.myCount, provider.myNotInstrumented);
   return failures == 0 ? 0 : 1;
 }
