@@ -46,17 +46,20 @@ public final class Agent {
     }
 
     /**
-     * The session name as part of a file name: letters, digits and "." stay, any other ASCII
-     * character becomes "_". Characters beyond ASCII stay whole, as the agent's own exit
-     * snapshots keep them, so both name a session's files alike.
+     * The session name as part of a file name: letters and digits of any script, and ".", stay;
+     * every other character, punctuation and symbols beyond ASCII included, becomes "_". A
+     * character outside the BMP counts as one, not as its two halves.
      */
     public static String sessionNameToFileNamePart(String sessionName) {
         StringBuffer part = new StringBuffer(sessionName.length());
-        for (int i = 0; i < sessionName.length(); i++) {
-            char c = sessionName.charAt(i);
-            boolean keep = c >= 0x80 || c == '.' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
-                    || (c >= '0' && c <= '9');
-            part.append(keep ? c : '_');
+        for (int i = 0; i < sessionName.length();) {
+            int c = sessionName.codePointAt(i);
+            if (c == '.' || Character.isLetterOrDigit(c)) {
+                part.appendCodePoint(c);
+            } else {
+                part.append('_');
+            }
+            i += Character.charCount(c);
         }
         return part.toString();
     }

@@ -15,8 +15,9 @@ import java.lang.reflect.Method;
 import java.net.InetAddress;
 import java.net.ServerSocket;
 import java.net.Socket;
-import java.util.Enumeration;
-import java.util.Properties;
+import java.util.ArrayList;
+import java.util.Iterator;
+import java.util.List;
 
 import com.kestrix.Constants;
 import com.kestrix.util.Strings;
@@ -187,9 +188,9 @@ public final class Core {
 
             ourCapabilities = computeCapabilities(canCountMethods, canRecordAllocations, canRecordJ2EE);
 
+            // An empty dir= names the working directory, as any relative path is taken from there.
             String snapshotDir = Unquoter.unquote(quotedAlternateSnapshotDir);
-            ourSnapshotDir = snapshotDir == null || snapshotDir.length() == 0
-                    ? Constants.SNAPSHOTS_DIR : new File(snapshotDir).getAbsoluteFile();
+            ourSnapshotDir = snapshotDir == null ? Constants.SNAPSHOTS_DIR : new File(snapshotDir).getAbsoluteFile();
 
             new TelemetryThreadJVMTI().start();
             OOMEDumper.enable();
@@ -378,19 +379,16 @@ public final class Core {
         if (ourPropertiesInitialized) {
             return;
         }
-        Properties properties = System.getProperties();
-        for (Enumeration<?> names = properties.propertyNames(); names.hasMoreElements();) {
-            Object name = names.nextElement();
-            if (!(name instanceof String) || ((String) name).length() == 0) {
-                continue;
-            }
+        List<String> names = systemPropertyNames();
+        for (int i = 0; i < names.size(); i++) {
+            String name = names.get(i);
             String value;
             try {
-                value = System.getProperty((String) name);
+                value = System.getProperty(name);
             } catch (Throwable e) {
                 continue;
             }
-            setProperty((String) name, value);
+            setProperty(name, value);
         }
         setProperty("kjp.boot.class.path", System.getProperty("sun.boot.class.path"));
         setProperty("kjp.agent.version", Constants.PRODUCT_NAME_AND_VERSION + "; build " + Constants.BUILD_NUMBER
@@ -398,7 +396,8 @@ public final class Core {
         try {
             RuntimeMXBean runtime = ManagementFactory.getRuntimeMXBean();
             String arguments = Strings.join(runtime.getInputArguments(), "\n");
-            // Java 9 and later have no boot class path and say so by throwing.
+            // Java 9 and later have no boot class path: supported is false there, and a
+            // getBootClassPath that throws anyway must not cost the two properties below.
             try {
                 if (runtime.isBootClassPathSupported()) {
                     setProperty("kjp.boot.class.path", runtime.getBootClassPath());
@@ -412,6 +411,22 @@ public final class Core {
             // without the bean the session only lacks these three
         }
         ourPropertiesInitialized = true;
+    }
+
+    /**
+     * The non-empty names of the system properties that hold text. An application may put any
+     * object into them, and propertyNames() then throws; this must not, since it runs at each
+     * client's first request until it once succeeds, and a throw would shut every client out.
+     */
+    static List<String> systemPropertyNames() {
+        List<String> names = new ArrayList<String>();
+        for (Iterator<String> i = System.getProperties().stringPropertyNames().iterator(); i.hasNext();) {
+            String name = i.next();
+            if (name != null && name.length() > 0) {
+                names.add(name);
+            }
+        }
+        return names;
     }
 
     // ---- the UI ----

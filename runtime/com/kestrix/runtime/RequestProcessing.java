@@ -20,13 +20,33 @@ final class RequestProcessing {
     private static final int TRANSFER_BUFFER_SIZE = 65536;
     private static final int TABLE_COUNT = 32;
 
+    /*
+     * The listener serves one client at a time, and every read below blocks. Without a limit a
+     * client that connects and sends nothing, or a peer that vanished without closing its side
+     * (a crashed machine, a dropped VPN), would keep every other client out for good. So each
+     * read has a limit, and running into it ends the connection like any broken frame.
+     *
+     * A request is written at once and whole by any real client: a minute for its header and
+     * payload is ample even over a slow link. Inside a packet sequence, though, the client
+     * holds the agent between its requests by choice and may pause there, polling for new
+     * data every few seconds, say; only a sequence silent for far longer than any such pause
+     * is taken for a client that hung or lost its network. Writes have no such limit in
+     * java.net; a client that stops reading a long answer still holds the listener.
+     */
+    /** Limit, in ms, for a request outside a sequence, and for the payload of any request. */
+    static int ourRequestTimeoutMs = 60 * 1000;
+    /** Limit, in ms, for the next request of an open sequence to begin. */
+    static int ourSequenceIdleTimeoutMs = 10 * 60 * 1000;
+
     private RequestProcessing() {
     }
 
     static void dispatchRequest(DataInputStream in, DataOutputStream out, Socket socket) throws IOException {
         boolean sequence = false;
         do {
+            setReadTimeout(socket, sequence ? ourSequenceIdleTimeoutMs : ourRequestTimeoutMs);
             int type = Packet.readHeader(in, Protocol.INCOMPATIBLE_AGENT_MESSAGE);
+            setReadTimeout(socket, ourRequestTimeoutMs);
             switch (type) {
                 case Protocol.PACKET_GET_AGENT_INFO_REQ:
                     processGetAgentInfo(out);
@@ -125,6 +145,13 @@ final class RequestProcessing {
             }
             out.flush();
         } while (sequence);
+    }
+
+    // A socket of null is a test's stream pair, which has no limit to set.
+    private static void setReadTimeout(Socket socket, int timeoutMs) throws IOException {
+        if (socket != null) {
+            socket.setSoTimeout(timeoutMs);
+        }
     }
 
     private static void writeOK(DataOutputStream out) throws IOException {

@@ -5,7 +5,6 @@ import java.io.IOException;
 import java.lang.management.ClassLoadingMXBean;
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
-import java.lang.management.MemoryMXBean;
 import java.lang.management.MemoryUsage;
 import java.lang.management.OperatingSystemMXBean;
 import java.lang.management.ThreadInfo;
@@ -42,7 +41,12 @@ final class TelemetryThreadJVMTI extends Thread {
         while (true) {
             java.util.Arrays.fill(constants, 0);
             java.util.Arrays.fill(values, 0);
-            runImpl(constants, values);
+            try {
+                runImpl(constants, values);
+            } catch (Throwable e) {
+                // One bad pass (a bean that throws, a short-lived OutOfMemoryError) must not end
+                // telemetry for the rest of the JVM's life: the next pass starts afresh.
+            }
             try {
                 Thread.sleep(PERIOD_MS);
             } catch (InterruptedException e) {
@@ -51,75 +55,69 @@ final class TelemetryThreadJVMTI extends Thread {
         }
     }
 
+    /*
+     * Each bean is read on its own: one that is missing or throws leaves its own values at 0
+     * and the rest of the sample stands. Reading can throw even where the bean exists; some
+     * JVMs report a pool's committed size above its maximum, and the MemoryUsage for it then
+     * fails to construct.
+     */
     private void runImpl(int[] constants, int[] values) {
-        MemoryMXBean memory = null;
         try {
-            memory = ManagementFactory.getMemoryMXBean();
-        } catch (Throwable ignored) {
-            // no values from it
-        }
-        if (memory != null) {
-            MemoryUsage heap = memory.getHeapMemoryUsage();
+            MemoryUsage heap = ManagementFactory.getMemoryMXBean().getHeapMemoryUsage();
             values[TelemetryRecord.TELE_HEAP_MEMORY_USED_KB] = (int) (heap.getUsed() / 1024);
             values[TelemetryRecord.TELE_HEAP_MEMORY_COMMITTED_KB] = (int) (heap.getCommitted() / 1024);
             constants[TelemetryRecord.TELEC_HEAP_MEMORY_MAX_KB_PROP_INDEX] = (int) (heap.getMax() / 1024);
-            MemoryUsage nonHeap = memory.getNonHeapMemoryUsage();
+        } catch (Throwable ignored) {
+            // no heap values in this sample
+        }
+        try {
+            MemoryUsage nonHeap = ManagementFactory.getMemoryMXBean().getNonHeapMemoryUsage();
             values[TelemetryRecord.TELE_NON_HEAP_MEMORY_USED_KB] = (int) (nonHeap.getUsed() / 1024);
             values[TelemetryRecord.TELE_NON_HEAP_MEMORY_COMMITTED_KB] = (int) (nonHeap.getCommitted() / 1024);
             constants[TelemetryRecord.TELEC_NON_HEAP_MEMORY_MAX_KB_PROP_INDEX] = (int) (nonHeap.getMax() / 1024);
+        } catch (Throwable ignored) {
+            // no non-heap values in this sample
         }
 
-        ClassLoadingMXBean classLoading = null;
         try {
-            classLoading = ManagementFactory.getClassLoadingMXBean();
-        } catch (Throwable ignored) {
-            // no values from it
-        }
-        if (classLoading != null) {
+            ClassLoadingMXBean classLoading = ManagementFactory.getClassLoadingMXBean();
             values[TelemetryRecord.TELE_LOADED_CLASS_COUNT] = classLoading.getLoadedClassCount();
             constants[TelemetryRecord.TELEC_UNLOADED_CLASS_COUNT_PROP_INDEX] =
                     (int) classLoading.getUnloadedClassCount();
+        } catch (Throwable ignored) {
+            // no class counts in this sample
         }
 
         ThreadMXBean threads = null;
         try {
             threads = ManagementFactory.getThreadMXBean();
-        } catch (Throwable ignored) {
-            // no values from it
-        }
-        if (threads != null) {
             values[TelemetryRecord.TELE_LIVE_THREAD_COUNT] = threads.getThreadCount();
             values[TelemetryRecord.TELE_DAEMON_THREAD_COUNT] = threads.getDaemonThreadCount();
             constants[TelemetryRecord.TELEC_PEAK_THREAD_COUNT_PROP_INDEX] = threads.getPeakThreadCount();
             constants[TelemetryRecord.TELEC_CREATED_THREAD_COUNT_PROP_INDEX] =
                     (int) threads.getTotalStartedThreadCount();
-            if (!Core.ourIsIBM && myRunCount % DEADLOCK_CHECK_PERIOD == 0) {
+        } catch (Throwable ignored) {
+            // no thread counts in this sample
+        }
+        if (threads != null && !Core.ourIsIBM && myRunCount % DEADLOCK_CHECK_PERIOD == 0) {
+            try {
                 long[] deadlocked = threads.findMonitorDeadlockedThreads();
                 if (deadlocked != null && deadlocked.length > 0) {
                     constants[TelemetryRecord.TELEC_DEADLOCK_FOUND_PROP_INDEX] = 1;
                 }
+            } catch (Throwable ignored) {
+                // no deadlock search in this pass
             }
         }
 
-        List<GarbageCollectorMXBean> collectors = null;
         try {
-            collectors = ManagementFactory.getGarbageCollectorMXBeans();
-        } catch (Throwable ignored) {
-            // no values from them
-        }
-        if (collectors != null) {
             long totalTime = 0;
+            List<GarbageCollectorMXBean> collectors = ManagementFactory.getGarbageCollectorMXBeans();
             for (Iterator<GarbageCollectorMXBean> i = collectors.iterator(); i.hasNext();) {
                 GarbageCollectorMXBean collector = i.next();
                 long count = Math.max(0, collector.getCollectionCount());
                 long time = Math.max(0, collector.getCollectionTime());
-                String name = collector.getName();
-                int position = myCollectorNames.indexOf(name);
-                if (position == -1) {
-                    myCollectorNames.add(name);
-                    position = myCollectorNames.size() - 1;
-                    Core.setProperty("collector.name." + (position + 1), name);
-                }
+                int position = positionOfCollector(collector.getName());
                 if (position == 0) {
                     values[TelemetryRecord.TELE_GC_COLLECTION1_COUNT] += (int) count;
                 } else if (position == 1) {
@@ -128,16 +126,15 @@ final class TelemetryThreadJVMTI extends Thread {
                 totalTime += time;
             }
             values[TelemetryRecord.TELE_GC_TOTAL_COLLECTION_TIME_MS] = (int) totalTime;
+        } catch (Throwable ignored) {
+            // no collection figures in this sample
         }
 
-        OperatingSystemMXBean system = null;
         try {
-            system = ManagementFactory.getOperatingSystemMXBean();
-        } catch (Throwable ignored) {
-            // no values from it
-        }
-        if (system != null) {
+            OperatingSystemMXBean system = ManagementFactory.getOperatingSystemMXBean();
             values[TelemetryRecord.TELE_PROCESSOR_COUNT] = system.getAvailableProcessors();
+        } catch (Throwable ignored) {
+            // no processor count in this sample
         }
 
         long cpuTimeNs = Core.getProcessCPUTimeNs();
@@ -147,6 +144,20 @@ final class TelemetryThreadJVMTI extends Thread {
 
         Core.storeTelemetryRecord(constants, values);
         myRunCount++;
+    }
+
+    /**
+     * The position of a collector in order of first sight. A new one is named in the session's
+     * properties as "collector.name.1", ".2" and so on; the first two have a count of their own.
+     */
+    private int positionOfCollector(String name) {
+        int position = myCollectorNames.indexOf(name);
+        if (position == -1) {
+            myCollectorNames.add(name);
+            position = myCollectorNames.size() - 1;
+            Core.setProperty("collector.name." + (position + 1), name);
+        }
+        return position;
     }
 
     /** Writes the thread-dump response: uptime, then every live thread with its folded stack. */

@@ -1,8 +1,10 @@
 package com.kestrix.runtime;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import org.junit.jupiter.api.Test;
 
@@ -44,6 +46,27 @@ class CoreChecksTest {
         assertNull(Core.lookupMessage(Core.ERRORCODE_OK));
         assertEquals("Already started", Core.lookupMessage(Core.ERRORCODE_ALREADY_STARTED));
         assertEquals("unknown error code 7", Core.lookupMessage(7));
+    }
+
+    @Test
+    void propertyNamesSurviveAnApplicationsOddEntries() {
+        java.util.Properties properties = System.getProperties();
+        Object oddKey = Integer.valueOf(42);
+        properties.put(oddKey, "value");
+        properties.put("kjp.test.odd.value", Integer.valueOf(7));
+        properties.put("", "empty name");
+        try {
+            assertThrows(ClassCastException.class, () -> properties.propertyNames(),
+                    "the call the session's properties must not rely on");
+            java.util.List<String> names = Core.systemPropertyNames();
+            assertTrue(names.contains("java.version"));
+            assertFalse(names.contains(""));
+            assertFalse(names.contains("kjp.test.odd.value"), "a value that isn't text is no property");
+        } finally {
+            properties.remove(oddKey);
+            properties.remove("kjp.test.odd.value");
+            properties.remove("");
+        }
     }
 
     @Test

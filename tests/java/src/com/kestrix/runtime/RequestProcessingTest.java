@@ -2,6 +2,7 @@ package com.kestrix.runtime;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -11,9 +12,18 @@ import java.io.DataInputStream;
 import java.io.DataOutputStream;
 import java.io.EOFException;
 import java.io.IOException;
+import java.net.InetAddress;
+import java.net.ServerSocket;
+import java.net.Socket;
+import java.net.SocketTimeoutException;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Random;
+import java.util.concurrent.ExecutionException;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
+import java.util.concurrent.TimeUnit;
 import java.util.zip.Deflater;
 import java.util.zip.Inflater;
 
@@ -146,6 +156,110 @@ class RequestProcessingTest {
         assertEquals("java.io.FileInputStream.readBytes(FileInputStream.java:-2)", folded[0].toString());
         assertEquals("app.Main.main(Main.java:7)", folded[1].toString());
         assertEquals("$$KJP$$last", folded[2].myMethodName, "a wrapper frame without a successor stays");
+    }
+
+    /**
+     * Serves the agent's end of a loopback connection on another thread, as the listener does,
+     * while the test plays the client; the future ends as dispatchRequest does.
+     */
+    private static final class Served implements AutoCloseable {
+        final Socket myClient;
+        final DataInputStream myIn;
+        final DataOutputStream myOut;
+        final Future<Long> myDone;
+        private final ServerSocket myServer;
+        private final Socket myAgentSide;
+        private final ExecutorService myThread = Executors.newSingleThreadExecutor();
+
+        Served() throws IOException {
+            myServer = new ServerSocket(0, 50, InetAddress.getLoopbackAddress());
+            myClient = new Socket(InetAddress.getLoopbackAddress(), myServer.getLocalPort());
+            myClient.setSoTimeout(10_000);
+            myAgentSide = myServer.accept();
+            myIn = new DataInputStream(myClient.getInputStream());
+            myOut = new DataOutputStream(myClient.getOutputStream());
+            // The time dispatchRequest ran, in ms; then the connection closes, as the listener closes it.
+            myDone = myThread.submit(() -> {
+                long start = System.nanoTime();
+                try {
+                    RequestProcessing.dispatchRequest(new DataInputStream(myAgentSide.getInputStream()),
+                            new DataOutputStream(myAgentSide.getOutputStream()), myAgentSide);
+                } finally {
+                    myAgentSide.close();
+                }
+                return (System.nanoTime() - start) / 1_000_000;
+            });
+        }
+
+        /** The time until dispatchRequest gave up with a read timeout, in ms. */
+        long timedOutAfterMs() throws Exception {
+            long start = System.nanoTime();
+            ExecutionException e = assertThrows(ExecutionException.class, () -> myDone.get(20, TimeUnit.SECONDS));
+            assertTrue(e.getCause() instanceof SocketTimeoutException, String.valueOf(e.getCause()));
+            return (System.nanoTime() - start) / 1_000_000;
+        }
+
+        @Override
+        public void close() throws IOException {
+            myThread.shutdownNow();
+            myClient.close();
+            myAgentSide.close();
+            myServer.close();
+        }
+    }
+
+    @Test
+    void silentClientsCannotHoldTheListener() throws Exception {
+        int requestTimeout = RequestProcessing.ourRequestTimeoutMs;
+        int idleTimeout = RequestProcessing.ourSequenceIdleTimeoutMs;
+        RequestProcessing.ourRequestTimeoutMs = 400;
+        RequestProcessing.ourSequenceIdleTimeoutMs = 2500;
+        try {
+            // Connected, and not a byte sent.
+            try (Served served = new Served()) {
+                long waited = served.timedOutAfterMs();
+                assertTrue(waited < 2000, "gave up after " + waited + " ms");
+            }
+
+            // A header whose payload never comes, inside a sequence: the request limit holds.
+            try (Served served = new Served()) {
+                Packet.writeHeader(served.myOut, Protocol.PACKET_PACKET_SEQUENCE_START);
+                Packet.writeHeader(served.myOut, Protocol.PACKET_SET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+                served.myOut.flush();
+                long waited = served.timedOutAfterMs();
+                assertTrue(waited < 2000, "gave up after " + waited + " ms");
+            }
+
+            // Between the requests of a sequence the client may pause longer than a request may
+            // take; a silence beyond the idle limit ends the connection all the same.
+            try (Served served = new Served()) {
+                Packet.writeHeader(served.myOut, Protocol.PACKET_PACKET_SEQUENCE_START);
+                Packet.writeHeader(served.myOut, Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+                served.myOut.flush();
+                Packet.readHeaderWithStandardResponse(served.myIn);
+                served.myIn.readInt();
+                Thread.sleep(1000);
+                assertFalse(served.myDone.isDone(), "a pause in a sequence is not a dead client");
+                Packet.writeHeader(served.myOut, Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+                served.myOut.flush();
+                Packet.readHeaderWithStandardResponse(served.myIn);
+                served.myIn.readInt();
+                long waited = served.timedOutAfterMs();
+                assertTrue(waited >= 1500 && waited < 8000, "gave up after " + waited + " ms");
+            }
+
+            // A sequence that ends in time ends the connection normally.
+            try (Served served = new Served()) {
+                Packet.writeHeader(served.myOut, Protocol.PACKET_PACKET_SEQUENCE_START);
+                Packet.writeHeader(served.myOut, Protocol.PACKET_PACKET_SEQUENCE_END);
+                served.myOut.flush();
+                assertTrue(served.myDone.get(10, TimeUnit.SECONDS) < 1000);
+                assertEquals(-1, served.myIn.read(), "no frame for the sequence marks");
+            }
+        } finally {
+            RequestProcessing.ourRequestTimeoutMs = requestTimeout;
+            RequestProcessing.ourSequenceIdleTimeoutMs = idleTimeout;
+        }
     }
 
     // Reads what writeCompressedBlocks wrote: blocks of pieces, each block ended by a 0.

@@ -36,9 +36,20 @@ class SnapshotNamingTest {
         assertEquals("a_b_c_-2024-03-07", Agent.makeSnapshotName("a\\b:c\t", null, date));
         assertEquals("2024-03-07-periodic", Agent.makeSnapshotName("", "periodic", date));
         assertEquals("2024-03-07", Agent.makeSnapshotName(null, "", date));
-        // Non-ASCII letters stay whole, as in the agent's own exit snapshots.
+        // Letters and digits of any script stay whole.
         assertEquals("M\u00fcller_\u65e5\u672c-2024-03-07-low-memory",
                 Agent.makeSnapshotName("M\u00fcller \u65e5\u672c", "low-memory", date));
+    }
+
+    @Test
+    void sessionNamePartKeepsOnlyLettersDigitsAndDots() {
+        // Symbols and punctuation beyond ASCII are "other characters" too.
+        assertEquals("A_B_C_D", Agent.sessionNameToFileNamePart("A\u20acB\u2014C\u3000D"));
+        assertEquals("__x.y_", Agent.sessionNameToFileNamePart("-(x.y)"));
+        assertEquals("\u0661\u0662__", Agent.sessionNameToFileNamePart("\u0661\u0662\u00b2\u00bd"),
+                "Arabic-Indic digits stay; a superscript or a fraction is no digit");
+        // A character beyond the BMP is one character: a letter stays, a symbol is one "_".
+        assertEquals("\ud835\udc9c_z", Agent.sessionNameToFileNamePart("\ud835\udc9c\ud83d\ude00z"));
     }
 
     @Test
