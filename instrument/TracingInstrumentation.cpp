@@ -18,6 +18,7 @@
 #include "instrument/ByteCodeWalker.h"
 #include "instrument/InsertionPass.h"
 #include "instrument/InstrumentationRules.h"
+#include "instrument/IntrinsicCandidates.h"
 #include "instrument/JumpPatcher.h"
 #include "instrument/MethodIDProvider.h"
 #include "instrument/NativeMethodWrapper.h"
@@ -256,7 +257,8 @@ void instrumentClass(ClassFile& classFile, void* context) {
     int count = classFile.getMethods().size();
     for (int i = 0; i < count; i++) {
       MethodInfo* method = classFile.getMethods()[i];
-      if (method->isNative() && method->getCodeAttribute() == nullptr) {
+      if (method->isNative() && method->getCodeAttribute() == nullptr &&
+          !IntrinsicCandidates::isIntrinsicCandidate(classFile, *method)) {
         instrumentNativeMethod(classFile, method);
       }
     }
