@@ -11,6 +11,7 @@ set(KJP_TOOLS_JAR "${CMAKE_BINARY_DIR}/tools/kjp-tools.jar")
 set(KJP_TOOLS_RUNTIME_SOURCES
   ${CMAKE_SOURCE_DIR}/runtime/com/kestrix/Constants.java
   ${CMAKE_SOURCE_DIR}/runtime/com/kestrix/api/ProfilingModesExt.java
+  ${CMAKE_SOURCE_DIR}/runtime/com/kestrix/api/TelemetryRecord.java
   ${CMAKE_SOURCE_DIR}/runtime/com/kestrix/runtime/Packet.java
   ${CMAKE_SOURCE_DIR}/runtime/com/kestrix/runtime/Protocol.java)
 

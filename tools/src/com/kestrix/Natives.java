@@ -91,23 +91,8 @@ public final class Natives {
     public static final int FIELD_EXCEPTION_COUNT = 53;  // 64-bit
     public static final int FIELD_COUNT = 54;
 
-    // Positions of the values of a telemetry row, for dbNget/dbNsetTeleValueImpl.
-    public static final int TELE_HEAP_MEMORY_USED_KB = 0;
-    public static final int TELE_HEAP_MEMORY_COMMITTED_KB = 1;
-    public static final int TELE_NON_HEAP_MEMORY_USED_KB = 2;
-    public static final int TELE_NON_HEAP_MEMORY_COMMITTED_KB = 3;
-    public static final int TELE_LOADED_CLASS_COUNT = 4;
-    public static final int TELE_LIVE_THREAD_COUNT = 5;
-    public static final int TELE_DAEMON_THREAD_COUNT = 6;
-    public static final int TELE_GC_COLLECTION1_COUNT = 7;
-    public static final int TELE_GC_COLLECTION2_COUNT = 8;
-    public static final int TELE_GC_TOTAL_COLLECTION_TIME_MS = 9;
-    public static final int TELE_CPU_TIME_MS = 10;
-    public static final int TELE_PROCESSOR_COUNT = 11;
-    public static final int TELE_UPTIME_DS = 12;
-    public static final int TELE_THREAD_STATE_COUNT = 13;
-    public static final int TELE_THREAD_STATE_START_INDEX = 14;
-    public static final int TELE_FIELD_COUNT = 15;
+    // Positions of the values of a telemetry row, for dbNget/dbNsetTeleValueImpl: the TELE_
+    // constants of com.kestrix.api.TelemetryRecord, shared with the agent's runtime.
 
     // Property rows that hold the telemetry constants, by row index.
     public static final int TELEC_HEAP_MEMORY_MAX_KB_PROP_INDEX = 0;

@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.Natives;
+import com.kestrix.api.TelemetryRecord;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotReader;
 import com.kestrix.tools.snapshot.Table;
@@ -184,7 +185,7 @@ class DBNativesTest {
         }
         for (int i = 0; i <= 3860; i++) {
             Natives.dbNsetTeleValueImpl(db, i, 0, i + 1);
-            Natives.dbNsetTeleValueImpl(db, i, Natives.TELE_THREAD_STATE_START_INDEX, 2 * i);
+            Natives.dbNsetTeleValueImpl(db, i, TelemetryRecord.TELE_THREAD_STATE_START_INDEX, 2 * i);
             // Not stamped yet: the row reads as absent.
             assertEquals(0, Natives.dbNgetTeleValueImpl(db, i, 0));
             Natives.dbNsetRecordModificationStampImpl(db, Natives.TABLE_TELE, i, 1);

@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.kestrix.Constants;
 import com.kestrix.test.Jvm;
 import com.kestrix.tools.kjp.Kjp;
 import com.kestrix.tools.snapshot.Snapshot;
@@ -87,7 +88,7 @@ class ExitSnapshotTest {
         assertEquals("My App", header.sessionName());
         assertEquals(4, header.oidWidth());
         assertEquals(-1, header.reserved());
-        assertEquals(SnapshotHeader.SNAPSHOT_CAUSE_SHUTDOWN | SnapshotHeader.SNAPSHOT_OIDS_ARE_INDICES, header.flags());
+        assertEquals(Constants.SNAPSHOT_CAUSE_SHUTDOWN | Constants.SNAPSHOT_OIDS_ARE_INDICES, header.flags());
         assertTrue(header.captureTimeMillis() <= before && header.captureTimeMillis() > before - 600_000,
                 String.valueOf(header.captureTimeMillis()));
         assertTrue(header.startTimeSeconds() * 1000 <= header.captureTimeMillis() + 1000);
@@ -99,7 +100,7 @@ class ExitSnapshotTest {
         Table known = snapshot.table(TableLayout.SNAPSHOT);
         assertEquals(1, known.size());
         assertEquals(expectedFirst.toString(), snapshot.string(known.getInt(0, TableLayout.SNAPSHOT.field("pathStrID"))));
-        assertEquals(header.flags() & ~SnapshotHeader.SNAPSHOT_OIDS_ARE_INDICES,
+        assertEquals(header.flags() & ~Constants.SNAPSHOT_OIDS_ARE_INDICES,
                 known.getLong(0, TableLayout.SNAPSHOT.field("flags")));
 
         ByteArrayOutputStream out = new ByteArrayOutputStream();

@@ -1,5 +1,6 @@
 package com.kestrix.tools.kjp;
 
+import com.kestrix.Constants;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotFormatException;
 import com.kestrix.tools.snapshot.SnapshotHeader;
@@ -73,7 +74,7 @@ final class Profile {
 
     /** Whether invocation counts were recorded (tracing), so that counts mean something. */
     boolean hasCounts() {
-        return header().hasFlag(SnapshotHeader.SNAPSHOT_WITH_COUNTS);
+        return header().hasFlag(Constants.SNAPSHOT_WITH_COUNTS);
     }
 
     /** A text property of the JVM ("java.vm.name" and the like), or null. */

@@ -1,5 +1,13 @@
 package com.kestrix.tools.snapshot;
 
+import static com.kestrix.Constants.SNAPSHOT_CAUSE_LOW_MEMORY;
+import static com.kestrix.Constants.SNAPSHOT_CAUSE_OOME;
+import static com.kestrix.Constants.SNAPSHOT_CAUSE_PERIODIC;
+import static com.kestrix.Constants.SNAPSHOT_CAUSE_SHUTDOWN;
+import static com.kestrix.Constants.SNAPSHOT_HPROF;
+import static com.kestrix.Constants.SNAPSHOT_WITH_COUNTS;
+import static com.kestrix.Constants.SNAPSHOT_WITH_HEAP;
+
 import java.util.ArrayList;
 import java.util.List;
 
@@ -16,17 +24,6 @@ public record SnapshotHeader(
         /** Capture time, milliseconds since 1970. */
         long captureTimeMillis,
         String sessionName) {
-
-    public static final long SNAPSHOT_WITH_HEAP = 1;
-    public static final long SNAPSHOT_CLR_2_0 = 4;
-    public static final long SNAPSHOT_WITH_COUNTS = 8;
-    public static final long SNAPSHOT_HPROF = 16;
-    public static final long SNAPSHOT_CAUSE_SHUTDOWN = 32;
-    public static final long SNAPSHOT_CAUSE_PERIODIC = 64;
-    public static final long SNAPSHOT_CAUSE_LOW_MEMORY = 128;
-    public static final long SNAPSHOT_CAUSE_OOME = 256;
-    public static final long SNAPSHOT_OIDS_ARE_INDICES = 512;
-    public static final long SNAPSHOT_CLR_1_1 = 1024;
 
     public boolean hasFlag(long flag) {
         return (flags & flag) != 0;
