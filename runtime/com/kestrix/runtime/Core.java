@@ -52,6 +52,8 @@ public final class Core {
     private static boolean ourPropertiesInitialized;
     static long ourPID;
     static int ourTelemetryLimit;
+    /** Why this JVM can't watch its used memory; null while it can, as far as is known. */
+    private static String ourMemoryWatchFailure;
 
     private Core() {
     }
@@ -229,7 +231,12 @@ public final class Core {
                 info("*** HINT ***: To get profiling results, connect to the application from the profiler UI");
             }
 
-            setCaptureMemoryThreshold(usedMemoryInitialThreshold);
+            try {
+                setCaptureMemoryThreshold(usedMemoryInitialThreshold);
+            } catch (RuntimeException e) {
+                // Everything else works without the watch: say so, and let the application run.
+                info(e.getMessage());
+            }
 
             if (profilerUIPath != null) {
                 final String snapshotDirArgument = quotedAlternateSnapshotDir;
@@ -703,13 +710,30 @@ public final class Core {
         return ourCaptureMemoryThreshold;
     }
 
-    /** Percent of the maximum heap at which a snapshot is captured; 0 turns the watch off. */
+    /**
+     * Percent of the maximum heap at which a snapshot is captured; 0 turns the watch off.
+     *
+     * Some JVMs can't watch their heap at all: no heap pool takes a usage threshold (Epsilon),
+     * or java.management isn't in the runtime image. The watch's class then fails to
+     * initialise, an Error that would take the JVM down when it comes from the start-up. It
+     * becomes a RuntimeException with the reason instead, now and at every later call, and the
+     * value stays 0 since nothing watches.
+     */
     static void setCaptureMemoryThreshold(int percent) {
+        if (ourMemoryWatchFailure != null) {
+            throw new RuntimeException(ourMemoryWatchFailure);
+        }
         ourCaptureMemoryThreshold = percent;
         try {
             MemoryThresholdJVMTI.resetThreshold();
         } catch (Exception e) {
             throw new RuntimeException(e.toString());
+        } catch (LinkageError e) {
+            Throwable reason = e instanceof ExceptionInInitializerError && e.getCause() != null ? e.getCause() : e;
+            ourMemoryWatchFailure = "Capture on used memory threshold is not available with this JVM: "
+                    + reason.getMessage();
+            ourCaptureMemoryThreshold = 0;
+            throw new RuntimeException(ourMemoryWatchFailure);
         }
     }
 

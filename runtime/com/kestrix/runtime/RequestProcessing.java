@@ -354,7 +354,13 @@ final class RequestProcessing {
             writeError(out, "Bad threshold value: " + threshold + ". Should not be more than 99; 0 means turn off");
             return;
         }
-        Core.setCaptureMemoryThreshold(threshold);
+        try {
+            Core.setCaptureMemoryThreshold(threshold);
+        } catch (RuntimeException e) {
+            // A JVM that can't watch its heap: the client hears why, and the connection stays usable.
+            writeError(out, String.valueOf(e.getMessage()));
+            return;
+        }
         writeOK(out);
     }
 
