@@ -2,18 +2,34 @@
 
 #include <errno.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
-SocketWriter::SocketWriter(int socketFD, jint bufferCapacity, bool oidsAreInts)
-    : AbstractWriter(socketFD, bufferCapacity, oidsAreInts) {}
+SocketWriter::SocketWriter(int socketFD, jint bufferCapacity, bool oidsAreInts, int sendTimeoutMs)
+    : AbstractWriter(socketFD, bufferCapacity, oidsAreInts), myFailed(false), myRestoreTimeout(false), myOldTimeout() {
+  socklen_t length = sizeof(myOldTimeout);
+  if (getsockopt(socketFD, SOL_SOCKET, SO_SNDTIMEO, &myOldTimeout, &length) == 0) {
+    struct timeval timeout;
+    timeout.tv_sec = sendTimeoutMs / 1000;
+    timeout.tv_usec = (sendTimeoutMs % 1000) * 1000;
+    myRestoreTimeout = setsockopt(socketFD, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) == 0;
+  }
+}
 
-SocketWriter::~SocketWriter() { flush(); }
+SocketWriter::~SocketWriter() {
+  flush();
+  if (myRestoreTimeout) {
+    setsockopt(myFD, SOL_SOCKET, SO_SNDTIMEO, &myOldTimeout, sizeof(myOldTimeout));
+  }
+}
 
 void SocketWriter::flush() {
   if (myNumberOfBufferedChars == 0) {
     return;
   }
-  sendFully(myFD, myBuffer, myNumberOfBufferedChars);
+  if (!myFailed && !sendFully(myFD, myBuffer, myNumberOfBufferedChars)) {
+    myFailed = true;
+  }
   myNumberOfBufferedChars = 0;
 }
 
