@@ -13,7 +13,10 @@
 #include "db/DB.h"
 #include "engines/AllocationEntry.h"
 #include "engines/ObjectEnumerator.h"
+#include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
+#include "instrument/CallbackPatcher.h"
+#include "instrument/ClassLoadHook.h"
 
 namespace {
 
@@ -141,6 +144,9 @@ void installEventCallbacks() {
   callbacks.ThreadStart = threadStart;
   callbacks.ThreadEnd = threadEnd;
   callbacks.Exception = exception;
+  callbacks.ClassFileLoadHook = class_file_load_hook_handler;
+  // Mode changes switch the probes by redefining the callback class that the hook prepared.
+  ourRedefineCallback = redefineCallback;
   callbacks.ClassLoad = class_alloc_handler;
   callbacks.ClassPrepare = classPrepare;
   callbacks.ExceptionCatch = exception_catch;
@@ -152,6 +158,7 @@ void installEventCallbacks() {
   // Events of engines that are part of the library are switched on here too, in this order.
   const jvmtiEvent enabledAtLoad[] = {
       JVMTI_EVENT_VM_INIT,    JVMTI_EVENT_VM_START,     JVMTI_EVENT_VM_DEATH,
+      JVMTI_EVENT_CLASS_FILE_LOAD_HOOK,
       JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH, JVMTI_EVENT_OBJECT_FREE,
       JVMTI_EVENT_THREAD_END, JVMTI_EVENT_THREAD_START,
   };
