@@ -50,6 +50,9 @@ void setUpAgentOnce() {
   ourLibLoop = KMethod::getByName("loop", "(J)J", "bench.lib.Lib");
   ourLibTiny = KMethod::getByName("tiny", "(I)I", "bench.lib.Lib");
   ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
+  // Between VM Init and VM Death, where an application's traced calls happen: the probes then
+  // ask the JVM for nothing but the thread-local slot.
+  ourVMInitCalled = true;
 }
 
 void setUpAgent() {

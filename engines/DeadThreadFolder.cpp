@@ -9,6 +9,7 @@
 #include "engines/J2EEIndex.h"
 #include "engines/ThreadFrameIndex.h"
 #include "engines/ThreadInfo.h"
+#include "engines/WallTimeCorrector.h"
 
 jint DeadThreadFolder::ourFirstDeadNumberToMerge = 0;
 jint DeadThreadFolder::ourThreadEndCount = 0;
@@ -24,6 +25,10 @@ void DeadThreadFolder::threadEnded(ThreadInfo* info) {
   }
 
   if (info != nullptr) {
+    // The mark that asks for a wall-time correction goes with the ThreadInfo, and writeTables
+    // corrects only live threads and the folded ones, so a thread that ends after a wall-timed
+    // call is corrected now or its callers stay below it.
+    WallTimeCorrector::correctThread(info);
     ourDeadThreadRunningNumbers.push(info->myRunningNumber);
     ourAllThreadInfos.remove(info);
     delete info;

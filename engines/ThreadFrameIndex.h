@@ -51,6 +51,13 @@ class ThreadFrameIndex {
     return createTFI(makeMap(threadSlot)->getPtr(frame, true), threadSlot, frame);
   }
 
+  // The slot's map from frame to TFI, or null when the slot has no pairs. For walks over one
+  // thread's frames; the map belongs to the index.
+  KIntChunkMap<jint>* getFrameMap(jint threadSlot) {
+    KASSERT_TEXT(threadSlot >= 0, "index >= 0");
+    return threadSlot < myMaps.size() ? myMaps.get(threadSlot) : nullptr;
+  }
+
   // Hands every pair of the slot over to "<Oldest dead threads>": their CPU and allocation
   // figures are added to that thread's pairs on the same frames, the slot's rows are zeroed
   // and marked deleted, and their TFIs go back to the pool. The caller gives the slot itself

@@ -33,7 +33,8 @@ ThreadInfo::ThreadInfo(const char* name, const char* groupName, jlong threadID)
       myIsAgentThread(false),
       myLastCPUTimeNs(0),
       myNeedsWallTimeCorrection(false),
-      myFilteredCallsStack(64) {
+      myFilteredCallsStack(64),
+      myTracedCalls(16) {
   init();
   myIsAgentThread = isAgentThreadName(name);
   StringPool* strings = ourDB->myStrPool;
@@ -98,6 +99,8 @@ void ThreadInfo::clearCPUAndJ2EEInfo() {
   myJ2EETimesStack.clear();
   myJ2EERecordsStack.clear();
   myFilteredCallsStack.clear();
+  // Before the CPU rows they point at are dropped.
+  myTracedCalls.clear();
   ourDB->myJ2EEIndex->clearThread(myRunningNumber);
   myNeedsWallTimeCorrection = false;
 }

@@ -9,6 +9,29 @@
 #include "db/IndexPool.h"
 #include "engines/ThreadFrameIndex.h"
 
+// What the tracing probes keep of one open traced call, beside its entry time. It lets the exit
+// close the call without looking anything up, and the next call made from it skip the call-tree
+// scan and the row lookup when it goes to the same method as the previous one (a loop calling one
+// method, the common case).
+//
+// The row pointers stay valid: rows live in chunks that never move, a live thread's (thread,
+// frame) pairs keep their TFI, and the one thing that drops CPU rows, clearing the CPU data,
+// empties every live thread's stack of these first (clearCPUAndJ2EEInfo).
+struct TracedCall {
+  jint myFrame;
+  // myCurrentFrameIndex once the call has ended.
+  jint myParentFrame;
+  jint myMethodIndex;
+  bool myIsWallTime;
+  // The thread's row for myFrame; null for calls found by a stack rebuild, whose entries were
+  // missed, until their exit or a capture gives them a row.
+  CPUProfilingRecord* myRecord;
+  // The callee entered last from this call: its method (0 when none), frame and row.
+  jint myLastCalleeMethod;
+  jint myLastCalleeFrame;
+  CPUProfilingRecord* myLastCalleeRecord;
+};
+
 // Per-thread state of every engine, one per live Java thread plus two pseudo-threads. A thread
 // finds its own through JVMTI thread-local storage (getThreadInfoJVMTI), which needs no lock and
 // no search. Everything it records lives in the database under its running number or its TFI
@@ -75,6 +98,10 @@ class ThreadInfo {
   bool myNeedsWallTimeCorrection;
   // One entry per open call, true when its method is filtered.
   KVector<bool> myFilteredCallsStack;
+  // One entry per open traced call that has a frame, outermost first, whether or not times are
+  // taken. Touched only under ourLock. Describes the path to myCurrentFrameIndex only while its
+  // last entry's frame is that frame; the probes check this and fall back to the tree otherwise.
+  KVector<TracedCall> myTracedCalls;
 
   // The last running number given out.
   static jint ourRunningNumber;

@@ -20,6 +20,12 @@ class WallTimeCorrector {
   // Corrects the trees of every scheduled thread in one walk of the call tree.
   void correctWallTimes();
 
+  // Corrects one thread's tree, if it is marked, and clears the mark, with the same result as
+  // scheduling it alone and correcting. For a thread that ends: its figures outlive its
+  // ThreadInfo and its mark, and the whole tree may be far larger than the part it touched, so
+  // this visits only the frames the thread has rows on and their callers.
+  static void correctThread(ThreadInfo* threadInfo);
+
  private:
   // TFI slots of the threads to correct.
   KVector<jint> myThreads;

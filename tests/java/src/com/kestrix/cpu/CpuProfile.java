@@ -125,6 +125,11 @@ final class CpuProfile {
         return new CpuProfile(snapshot, run, SnapshotReader.read(snapshot));
     }
 
+    /** Reads a snapshot captured from a JVM that this class did not run; it has no printed figures. */
+    static CpuProfile read(Path snapshot) throws Exception {
+        return new CpuProfile(snapshot, null, SnapshotReader.read(snapshot));
+    }
+
     /** The figure the program printed after the given label ("spinner cpu ns" and the like). */
     long printed(String label) {
         for (String line : run.stdout.split("\n")) {

@@ -92,6 +92,22 @@ class TracedCpuTest {
 
     @ParameterizedTest
     @MethodSource("jdks")
+    void aWallTimeCallOfAThreadThatEndedBeforeTheSnapshotRaisesItsCallers(Path jdk) throws Exception {
+        CpuProfile profile = traced(jdk);
+        // "blocked" ends long before the exit snapshot, and far fewer threads die than are folded.
+        List<CpuProfile.Node> blocked = profile.endingWith("blocked", program("wallBlocked"));
+        assertEquals(1, blocked.size(), profile.dump("blocked"));
+        CpuProfile.Node wall = blocked.get(0);
+        List<CpuProfile.Node> callers = profile.callersOf("blocked", wall);
+        assertTrue(!callers.isEmpty(), profile.dump("blocked"));
+        for (CpuProfile.Node caller : callers) {
+            assertTrue(caller.time >= wall.time, "a caller below its wall-timed callee: " + caller + "\n"
+                    + profile.dump("blocked"));
+        }
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
     void filteredCallsCollapseIntoTheFirstFilteredMethodAndCallbacksHangUnderIt(Path jdk) throws Exception {
         CpuProfile profile = traced(jdk);
         String app = program("appWork");
