@@ -19,8 +19,11 @@ public class HotLoop {
         public void run() {
             java.lang.management.ThreadMXBean bean = java.lang.management.ManagementFactory.getThreadMXBean();
             long end = bean.getCurrentThreadCpuTime() + myMillis * 1_000_000L;
+            // The clock is a native call, and a sampler sees a thread in native code at once
+            // while one in compiled code must first reach a safepoint: asking it seldom keeps
+            // the samples where the time goes.
             while (bean.getCurrentThreadCpuTime() < end) {
-                ourSink += burn(200_000);
+                ourSink += burn(20_000_000);
             }
         }
     }

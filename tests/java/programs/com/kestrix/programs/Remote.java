@@ -32,7 +32,7 @@ public class Remote {
             // while one in compiled code must first reach a safepoint: asking it seldom keeps
             // the samples where the time goes.
             while (bean.getCurrentThreadCpuTime() < end) {
-                ourSink += burn(5000000);
+                ourSink += burn(20000000);
             }
         }
     }
