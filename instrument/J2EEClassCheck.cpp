@@ -1,0 +1,51 @@
+#include "instrument/J2EEHelper.h"
+
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KAssert.h"
+
+// The run-time half of the catalogue: which loaded classes are J2EE classes. It asks the JVM,
+// so it lives apart from the catalogue, which the class-file tools use without one.
+
+namespace {
+
+bool isCatalogueInterfaceSignature(const char* signature) { return J2EEHelper::ourAllInterfaceNames.contains(signature); }
+
+}  // namespace
+
+bool J2EEHelper::isClassImplementsSQLInterfaces(JNIEnv* env, jclass klass) {
+  char* classSig = nullptr;
+  check_JVMTI_error(ourJVMTI->GetClassSignature(klass, &classSig, nullptr));
+  KASSERT(classSig);
+  bool found = isCatalogueInterfaceSignature(classSig);
+  deallocate(classSig);
+  if (found) {
+    return true;
+  }
+
+  jint interfaceCount = 0;
+  jclass* interfaces = nullptr;
+  check_JVMTI_error(ourJVMTI->GetImplementedInterfaces(klass, &interfaceCount, &interfaces));
+  for (jint i = 0; i < interfaceCount; i++) {
+    if (!found) {
+      char* sig = nullptr;
+      check_JVMTI_error(ourJVMTI->GetClassSignature(interfaces[i], &sig, nullptr));
+      KASSERT(sig);
+      found = isCatalogueInterfaceSignature(sig) || isClassImplementsSQLInterfaces(env, interfaces[i]);
+      deallocate(sig);
+    }
+    env->DeleteLocalRef(interfaces[i]);
+  }
+  deallocate(interfaces);
+  if (found) {
+    return true;
+  }
+
+  jclass superclass = env->GetSuperclass(klass);
+  if (superclass == nullptr) {
+    return false;
+  }
+  bool result = isClassImplementsSQLInterfaces(env, superclass);
+  env->DeleteLocalRef(superclass);
+  return result;
+}
