@@ -4,12 +4,8 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
-import com.kestrix.tools.kjp.Kjp;
-import java.io.ByteArrayOutputStream;
-import java.io.PrintStream;
-import java.nio.charset.StandardCharsets;
+import com.kestrix.test.KjpRunner;
 import java.nio.file.Path;
-import java.time.ZoneId;
 import java.util.List;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
@@ -21,20 +17,11 @@ class TracedRunReportTest {
         return Jvm.jdks();
     }
 
-    private static String kjp(String... args) {
-        ByteArrayOutputStream out = new ByteArrayOutputStream();
-        ByteArrayOutputStream err = new ByteArrayOutputStream();
-        int status = Kjp.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
-                new PrintStream(err, true, StandardCharsets.UTF_8), ZoneId.of("UTC"));
-        assertEquals(0, status, err.toString(StandardCharsets.UTF_8));
-        return out.toString(StandardCharsets.UTF_8);
-    }
-
     @ParameterizedTest
     @MethodSource("jdks")
     void reportNamesTheHotMethodWithItsInvocationCount(Path jdk, @TempDir Path dir) throws Exception {
         CpuProfile profile = CpuProfile.record(jdk, dir, "tracing", "count:4321");
-        String report = kjp("report", "--thread", "counter", profile.file.toString());
+        String report = KjpRunner.succeed("report", "--thread", "counter", profile.file.toString());
         assertTrue(report.contains("\nCPU       tracing, with invocation counts; "), report);
         List<String> hotSpots = report.substring(report.indexOf("Hot spots by own time")).lines().skip(2)
                 .takeWhile(line -> !line.isEmpty()).toList();

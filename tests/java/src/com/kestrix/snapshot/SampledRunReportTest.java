@@ -4,13 +4,9 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
-import com.kestrix.tools.kjp.Kjp;
-import java.io.ByteArrayOutputStream;
-import java.io.PrintStream;
-import java.nio.charset.StandardCharsets;
+import com.kestrix.test.KjpRunner;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.time.ZoneId;
 import java.util.Comparator;
 import java.util.List;
 import java.util.stream.Stream;
@@ -22,15 +18,6 @@ import org.junit.jupiter.params.provider.MethodSource;
 class SampledRunReportTest {
     static List<Path> jdks() {
         return Jvm.jdks();
-    }
-
-    private static String kjp(String... args) {
-        ByteArrayOutputStream out = new ByteArrayOutputStream();
-        ByteArrayOutputStream err = new ByteArrayOutputStream();
-        int status = Kjp.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
-                new PrintStream(err, true, StandardCharsets.UTF_8), ZoneId.of("UTC"));
-        assertEquals(0, status, err.toString(StandardCharsets.UTF_8));
-        return out.toString(StandardCharsets.UTF_8);
     }
 
     @ParameterizedTest
@@ -45,14 +32,14 @@ class SampledRunReportTest {
             snapshot = files.filter(f -> f.toString().endsWith(".snapshot")).findFirst().orElseThrow();
         }
 
-        String report = kjp("report", "--thread", "hot", snapshot.toString());
+        String report = KjpRunner.succeed("report", "--thread", "hot", snapshot.toString());
         String firstHotSpot = report.substring(report.indexOf("Hot spots by own time")).lines().skip(2).findFirst()
                 .orElse("");
         assertTrue(firstHotSpot.endsWith("  com.kestrix.programs.HotLoop.burn(int)"), report);
         assertTrue(report.contains("\nCPU       sampling; "), report);
 
         // In folded form the heaviest path of the thread is Burner.run calling burn.
-        String folded = kjp("collapsed", "--thread", "hot", snapshot.toString());
+        String folded = KjpRunner.succeed("collapsed", "--thread", "hot", snapshot.toString());
         String heaviest = folded.lines()
                 .max(Comparator.comparingLong(line -> Long.parseLong(line.substring(line.lastIndexOf(' ') + 1))))
                 .orElse("");
