@@ -89,6 +89,9 @@ public final class Jvm {
             throws IOException, InterruptedException {
         List<String> command = new ArrayList<>();
         command.add(jdk.resolve("bin").resolve("java").toString());
+        // Exit snapshots of runs that name no directory go to <user home>/Snapshots; they belong
+        // in the build, not in the home of whoever runs the tests.
+        command.add("-Duser.home=" + testHome());
         command.addAll(Arrays.asList(arguments));
         ProcessBuilder builder = new ProcessBuilder(command);
         if (workDir != null) {
@@ -117,6 +120,13 @@ public final class Jvm {
         try (InputStream in = Files.newInputStream(file)) {
             return new String(in.readAllBytes(), StandardCharsets.UTF_8);
         }
+    }
+
+    /** The user home of the JVMs the tests start: a directory of the build. */
+    public static synchronized Path testHome() throws IOException {
+        Path home = Paths.get(System.getProperty("kjp.build.dir", "build"), "test-home").toAbsolutePath();
+        Files.createDirectories(home);
+        return home;
     }
 
     /** The major version of a JDK home, read from its release file. */
