@@ -80,7 +80,7 @@ void parseLine(const KString& line, jint type) {
       fflush(stderr);
     }
   } else if (!ourOptions.myQuiet) {
-    fprintf(stderr, KJP_LOG_PREFIX "*** WARNING! *** Invalid filter specification: %s\n", line.get());
+    fprintf(stderr, KJP_LOG_PREFIX "*** WARNING! *** Invalid filter line: %s\n", line.get());
     fflush(stderr);
   }
 }

@@ -47,8 +47,8 @@ TEST_F(FilterTest, MalformedLinesWarnAndCarriageReturnsStayInFilterLines) {
   Filter::reloadFilters(KString("com.acme.Shop\r\ncom.acme.Cart add\ncom.acme.X a b c\n#com\n"), KString(""));
   std::string err = testing::internal::GetCapturedStderr();
   ourOptions.myQuiet = savedQuiet;
-  EXPECT_NE(std::string::npos, err.find(KJP_LOG_PREFIX "*** WARNING! *** Invalid filter specification: com.acme.Cart add\n"));
-  EXPECT_NE(std::string::npos, err.find("Invalid filter specification: com.acme.X a b c\n"));
+  EXPECT_NE(std::string::npos, err.find(KJP_LOG_PREFIX "*** WARNING! *** Invalid filter line: com.acme.Cart add\n"));
+  EXPECT_NE(std::string::npos, err.find("Invalid filter line: com.acme.X a b c\n"));
   EXPECT_EQ(0, flagsOf(own)) << "the carriage return is part of the pattern";
   EXPECT_EQ(0, flagsOf(other));
   EXPECT_EQ(16, Filter::ourFilters.size()) << "the one-piece line and the fifteen wait entries";
