@@ -1,5 +1,7 @@
 #include "agent/JVMTI_Agent.h"
 
+#include "agent/JNIUtil.h"
+
 JavaVM* ourVM = nullptr;
 jvmtiEnv* ourJVMTI = nullptr;
 jvmtiEnv* ourJVMTI2 = nullptr;
@@ -54,3 +56,12 @@ bool isFieldOrderBySpecification() {
 bool isInterfaceFieldsBeforeOther() { return ourIsIBM || ourIsJRockit_R27_1; }
 
 bool isFlagUsed() { return ourIsIBM; }
+
+jvmtiPhase currentPhase() {
+  if (ourVMInitCalled && !ourVMDeathCalled) {
+    return JVMTI_PHASE_LIVE;
+  }
+  jvmtiPhase phase;
+  check_JVMTI_error(ourJVMTI->GetPhase(&phase));
+  return phase;
+}

@@ -47,6 +47,11 @@ extern volatile bool ourVMStartCalled;
 extern volatile bool ourVMInitCalled;
 extern volatile bool ourVMDeathCalled;
 
+// The JVM's phase. Between VM Init and VM Death it is live and stays so, and HotSpot's
+// GetPhase moves the calling thread into the VM and back, which costs more than a probe's own
+// work; so the JVM is asked only outside that window.
+jvmtiPhase currentPhase();
+
 // What is being measured now; starts with stack telemetry on.
 extern volatile jlong ourStatus;
 

@@ -45,8 +45,7 @@ jint kjpInitImpl(JNIEnv* env, jobject object, jint allocatorIndex) {
   if (info == nullptr || info->myIsAgentThread) {
     return allocatorIndex;
   }
-  jvmtiPhase phase;
-  check_JVMTI_error(ourJVMTI->GetPhase(&phase));
+  jvmtiPhase phase = currentPhase();
   if (phase != JVMTI_PHASE_LIVE && phase != JVMTI_PHASE_START) {
     return allocatorIndex;
   }

@@ -106,9 +106,7 @@ void ThreadInfo::clearCPUAndJ2EEInfo() {
 }
 
 ThreadInfo* getThreadInfoJVMTI(jthread thread) {
-  jvmtiPhase phase;
-  check_JVMTI_error(ourJVMTI->GetPhase(&phase));
-  if (phase == JVMTI_PHASE_START) {
+  if (currentPhase() == JVMTI_PHASE_START) {
     return ourVMStartThread;
   }
   void* data = nullptr;

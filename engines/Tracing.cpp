@@ -21,24 +21,6 @@ inline jint methodFlagsUnlocked(jint methodIndex) {
 
 inline jint methodFlags(jint methodIndex) { return ourDB->myMethodTable->getRecord(methodIndex, true)->myFlags; }
 
-// Between VM Init and VM Death the phase is live and stays so; HotSpot's GetPhase moves the
-// calling thread into the VM and back, which costs more than the rest of a collapsed call, so the
-// probes ask for it only outside that window.
-inline bool isBetweenInitAndDeath() { return ourVMInitCalled && !ourVMDeathCalled; }
-
-// getThreadInfoJVMTI(null) without its phase check once the start phase, whose threads all map
-// to the pseudo-thread, lies behind.
-inline ThreadInfo* currentThreadInfo() {
-  if (!ourVMInitCalled) {
-    return getThreadInfoJVMTI(nullptr);
-  }
-  void* data = nullptr;
-  if (ourJVMTI->GetThreadLocalStorage(nullptr, &data) != JVMTI_ERROR_NONE) {
-    return nullptr;
-  }
-  return static_cast<ThreadInfo*>(data);
-}
-
 // Exact times come from the probes only with a thread clock cheap enough for every call;
 // otherwise the sampler walks the traced frames and supplies them.
 inline bool isTiming() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
@@ -55,12 +37,7 @@ jlong getMethodTimeNs(jint methodIndex) {
 }
 
 bool isMethodTracingActive() {
-  if (isBetweenInitAndDeath()) {
-    return true;
-  }
-  jvmtiPhase phase;
-  check_JVMTI_error(ourJVMTI->GetPhase(&phase));
-  if (phase != JVMTI_PHASE_LIVE) {
+  if (currentPhase() != JVMTI_PHASE_LIVE) {
     return false;
   }
   if (!ourVMDeathCalled) {
@@ -245,7 +222,7 @@ __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint m
 }  // namespace
 
 void methodEntry(JNIEnv* env, jint methodIndex) {
-  ThreadInfo* info = currentThreadInfo();
+  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr || info->myIsAgentThread) {
     return;
   }
@@ -323,7 +300,7 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
 
 void methodExit(JNIEnv* env, jint methodIndex) {
   (void)env;
-  ThreadInfo* info = currentThreadInfo();
+  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr || info->myIsAgentThread || info->myFilteredCallsStack.isEmpty()) {
     return;
   }
