@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
+import com.kestrix.test.LiveAgent;
 import java.io.IOException;
 import java.net.ServerSocket;
 import java.nio.file.Path;

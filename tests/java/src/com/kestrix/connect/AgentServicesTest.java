@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
+import com.kestrix.test.LiveAgent;
 import com.kestrix.tools.connect.AgentClient;
 import com.kestrix.tools.connect.TableUpdate;
 import com.kestrix.tools.snapshot.TableLayout;

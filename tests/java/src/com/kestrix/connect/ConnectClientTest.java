@@ -8,6 +8,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.kestrix.Constants;
 import com.kestrix.runtime.Packet;
 import com.kestrix.runtime.Protocol;
+import com.kestrix.test.LiveAgent;
 import java.io.BufferedInputStream;
 import java.io.BufferedOutputStream;
 import java.io.DataInputStream;

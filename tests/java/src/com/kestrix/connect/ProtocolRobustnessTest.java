@@ -8,6 +8,7 @@ import com.kestrix.runtime.Packet;
 import com.kestrix.runtime.PresentableException;
 import com.kestrix.runtime.Protocol;
 import com.kestrix.test.Jvm;
+import com.kestrix.test.LiveAgent;
 import com.kestrix.tools.connect.AgentClient;
 import com.kestrix.tools.connect.TableUpdate;
 import com.kestrix.tools.snapshot.TableLayout;

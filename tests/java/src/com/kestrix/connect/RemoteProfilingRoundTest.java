@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
+import com.kestrix.test.LiveAgent;
 import com.kestrix.tools.kjp.Kjp;
 import java.io.ByteArrayOutputStream;
 import java.io.PrintStream;

@@ -4,20 +4,11 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
-import com.kestrix.tools.connect.Connect;
-import java.io.ByteArrayOutputStream;
-import java.io.IOException;
-import java.io.InputStream;
-import java.io.OutputStream;
-import java.io.PrintStream;
-import java.net.ServerSocket;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
+import com.kestrix.test.LiveAgent;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Collections;
 import java.util.List;
-import java.util.concurrent.TimeUnit;
 import org.junit.jupiter.api.io.TempDir;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
@@ -38,34 +29,18 @@ class TracingStartedDeepInCallsTest {
     @ParameterizedTest
     @MethodSource("jdks")
     void theRebuiltPathRunsFromRunDownOnceAndNewCallsHangUnderIt(Path jdk, @TempDir Path dir) throws Exception {
-        int port;
-        try (ServerSocket socket = new ServerSocket(0)) {
-            port = socket.getLocalPort();
-        }
-        List<String> command = List.of(jdk.resolve("bin").resolve("java").toString(),
-                Jvm.agentArgument("port=" + port + ",dir=" + dir), "-cp", Jvm.programs().toString(), PROGRAM);
-        Process process = new ProcessBuilder(command).start();
-        StringBuffer stdout = collect(process.getInputStream());
-        StringBuffer stderr = collect(process.getErrorStream());
+        int port = LiveAgent.freePort();
         String capture;
-        try {
-            await(process, stderr, "Profiler agent is listening on port " + port, stdout, stderr);
-            await(process, stdout, "deep ready", stdout, stderr);
-            assertEquals("CPU tracing started\n", kjp(port, "start-cpu", "tracing"));
+        try (LiveAgent agent = LiveAgent.launchProgram(jdk, dir, "port=" + port + ",dir=" + dir, port, PROGRAM)) {
+            agent.awaitStderr(LiveAgent.LISTENING + port, 60);
+            agent.awaitStdout("deep ready", 60);
+            assertEquals("CPU tracing started\n", agent.kjpOk("start-cpu", "tracing"));
             // The deep thread runs traced for a while, its stack rebuilt at the first step().
             Thread.sleep(1500);
-            capture = kjp(port, "capture").strip();
-        } finally {
-            OutputStream stdin = process.getOutputStream();
-            stdin.write("exit\n".getBytes(StandardCharsets.UTF_8));
-            stdin.close();
-            if (!process.waitFor(120, TimeUnit.SECONDS)) {
-                process.destroyForcibly();
-            }
+            capture = agent.kjpOk("capture").strip();
+            assertEquals(0, agent.exit(120), agent.toString());
+            assertTrue(agent.stdout().contains("deep done "), agent.toString());
         }
-        String output = "--- stdout\n" + stdout + "\n--- stderr\n" + stderr;
-        assertEquals(0, process.exitValue(), output);
-        assertTrue(stdout.indexOf("deep done ") >= 0, output);
 
         CpuProfile profile = CpuProfile.read(Path.of(capture));
         String deep = PROGRAM + "$Deep.run";
@@ -99,52 +74,6 @@ class TracingStartedDeepInCallsTest {
             assertEquals(0, node.count, node + "\n" + profile.dump("deep"));
             assertTrue(node.time >= stepNode.time && node.time <= below, node + "\n" + profile.dump("deep"));
             below = node.time;
-        }
-    }
-
-    private static String kjp(int port, String... subCommand) {
-        String[] args = new String[subCommand.length + 1];
-        args[0] = "localhost:" + port;
-        System.arraycopy(subCommand, 0, args, 1, subCommand.length);
-        ByteArrayOutputStream out = new ByteArrayOutputStream();
-        ByteArrayOutputStream err = new ByteArrayOutputStream();
-        int status = Connect.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
-                new PrintStream(err, true, StandardCharsets.UTF_8), false);
-        String text = out.toString(StandardCharsets.UTF_8);
-        assertEquals(0, status, String.join(" ", args) + "\n" + text + err.toString(StandardCharsets.UTF_8));
-        return text;
-    }
-
-    private static StringBuffer collect(InputStream stream) {
-        StringBuffer target = new StringBuffer();
-        Thread reader = new Thread(() -> {
-            byte[] buffer = new byte[8192];
-            try {
-                int n;
-                while ((n = stream.read(buffer)) > 0) {
-                    target.append(new String(buffer, 0, n, StandardCharsets.UTF_8));
-                }
-            } catch (IOException e) {
-                // The process has gone.
-            }
-        });
-        reader.setDaemon(true);
-        reader.start();
-        return target;
-    }
-
-    private static void await(Process process, StringBuffer buffer, String text, StringBuffer stdout,
-            StringBuffer stderr) throws InterruptedException {
-        long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(60);
-        while (buffer.indexOf(text) < 0) {
-            if (System.nanoTime() > end || !process.isAlive()) {
-                Thread.sleep(200);
-                if (buffer.indexOf(text) >= 0) {
-                    return;
-                }
-                throw new AssertionError("no '" + text + "'\n--- stdout\n" + stdout + "\n--- stderr\n" + stderr);
-            }
-            Thread.sleep(50);
         }
     }
 }

@@ -1,8 +1,7 @@
-package com.kestrix.connect;
+package com.kestrix.test;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 
-import com.kestrix.test.Jvm;
 import com.kestrix.tools.connect.Connect;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
@@ -20,14 +19,15 @@ import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
 
 /**
- * A JVM running the Remote test program under the agent, listening on a port of its own, kept
- * alive while a test talks to it. Standard output and error are collected as they come.
+ * A JVM running a test program (Remote unless told otherwise) under the agent, listening on a
+ * port of its own, kept alive while a test talks to it. Standard output and error are collected
+ * as they come; "exit" on standard input ends the program.
  */
-final class LiveAgent implements AutoCloseable {
-    static final String LISTENING = "Profiler agent is listening on port ";
+public final class LiveAgent implements AutoCloseable {
+    public static final String LISTENING = "Profiler agent is listening on port ";
 
     /** What one kjp connect run printed. */
-    record Run(int status, String out, String err) {
+    public record Run(int status, String out, String err) {
         @Override
         public String toString() {
             return "status " + status + "\n--- out\n" + out + "\n--- err\n" + err;
@@ -51,7 +51,7 @@ final class LiveAgent implements AutoCloseable {
     }
 
     /** A port that was free a moment ago. */
-    static int freePort() throws IOException {
+    public static int freePort() throws IOException {
         try (ServerSocket socket = new ServerSocket(0)) {
             return socket.getLocalPort();
         }
@@ -61,7 +61,7 @@ final class LiveAgent implements AutoCloseable {
      * Starts Remote on the JDK with the agent on a free port, snapshots into dir, with more agent
      * options and JVM arguments if given; returns once the agent listens.
      */
-    static LiveAgent start(Path jdk, Path dir, String moreOptions, String... jvmArguments) throws Exception {
+    public static LiveAgent start(Path jdk, Path dir, String moreOptions, String... jvmArguments) throws Exception {
         int port = freePort();
         String options = "port=" + port + ",dir=" + dir + ",sessionname=Remote"
                 + (moreOptions == null || moreOptions.isEmpty() ? "" : "," + moreOptions);
@@ -72,12 +72,18 @@ final class LiveAgent implements AutoCloseable {
     }
 
     /** Starts Remote with exactly these agent options and doesn't wait for anything. */
-    static LiveAgent launch(Path jdk, Path dir, String options, int port, String... jvmArguments) throws IOException {
+    public static LiveAgent launch(Path jdk, Path dir, String options, int port, String... jvmArguments) throws IOException {
+        return launchProgram(jdk, dir, options, port, "com.kestrix.programs.Remote", jvmArguments);
+    }
+
+    /** Starts the test program with the main class with exactly these agent options. */
+    public static LiveAgent launchProgram(Path jdk, Path dir, String options, int port, String mainClass,
+            String... jvmArguments) throws IOException {
         List<String> command = new ArrayList<>();
         command.add(jdk.resolve("bin").resolve("java").toString());
         command.add(Jvm.agentArgument(options));
         command.addAll(Arrays.asList(jvmArguments));
-        command.addAll(List.of("-cp", Jvm.programs().toString(), "com.kestrix.programs.Remote"));
+        command.addAll(List.of("-cp", Jvm.programs().toString(), mainClass));
         Process process = new ProcessBuilder(command).start();
         return new LiveAgent(process, port, dir);
     }
@@ -98,43 +104,43 @@ final class LiveAgent implements AutoCloseable {
         reader.start();
     }
 
-    int port() {
+    public int port() {
         return myPort;
     }
 
-    Path dir() {
+    public Path dir() {
         return myDir;
     }
 
-    String address() {
+    public String address() {
         return "localhost:" + myPort;
     }
 
-    String stdout() {
+    public String stdout() {
         return myStdout.toString();
     }
 
-    String stderr() {
+    public String stderr() {
         return myStderr.toString();
     }
 
-    boolean isAlive() {
+    public boolean isAlive() {
         return myProcess.isAlive();
     }
 
     /** Waits for the process to end; its exit status. */
-    int waitFor(long seconds) throws InterruptedException {
+    public int waitFor(long seconds) throws InterruptedException {
         if (!myProcess.waitFor(seconds, TimeUnit.SECONDS)) {
             throw new AssertionError("the JVM did not end within " + seconds + " s\n" + this);
         }
         return myProcess.exitValue();
     }
 
-    void awaitStderr(String text, long seconds) throws InterruptedException {
+    public void awaitStderr(String text, long seconds) throws InterruptedException {
         await(myStderr, text, seconds);
     }
 
-    void awaitStdout(String text, long seconds) throws InterruptedException {
+    public void awaitStdout(String text, long seconds) throws InterruptedException {
         await(myStdout, text, seconds);
     }
 
@@ -155,14 +161,14 @@ final class LiveAgent implements AutoCloseable {
     }
 
     /** Sends one command to the program and waits until it is done. */
-    void command(String line, long seconds) throws IOException, InterruptedException {
+    public void command(String line, long seconds) throws IOException, InterruptedException {
         myStdin.write((line + "\n").getBytes(StandardCharsets.UTF_8));
         myStdin.flush();
         awaitStdout("done " + line + "\n", seconds);
     }
 
     /** Runs kjp connect on this agent with the sub-command and its arguments. */
-    Run kjp(String... subCommand) {
+    public Run kjp(String... subCommand) {
         String[] args = new String[subCommand.length + 1];
         args[0] = address();
         System.arraycopy(subCommand, 0, args, 1, subCommand.length);
@@ -170,14 +176,14 @@ final class LiveAgent implements AutoCloseable {
     }
 
     /** Like kjp, and the run must succeed. */
-    String kjpOk(String... subCommand) {
+    public String kjpOk(String... subCommand) {
         Run run = kjp(subCommand);
         assertEquals(0, run.status(), run + "\n" + this);
         return run.out();
     }
 
     /** Runs kjp connect with exactly these arguments, in this process; progress bars on. */
-    static Run connect(String... args) {
+    public static Run connect(String... args) {
         ByteArrayOutputStream out = new ByteArrayOutputStream();
         ByteArrayOutputStream err = new ByteArrayOutputStream();
         int status = Connect.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
@@ -186,10 +192,16 @@ final class LiveAgent implements AutoCloseable {
     }
 
     /** The files in the snapshot directory whose names contain the text. */
-    List<Path> snapshots(String nameContains) throws IOException {
+    public List<Path> snapshots(String nameContains) throws IOException {
         try (Stream<Path> files = Files.list(myDir)) {
             return files.filter(f -> f.getFileName().toString().contains(nameContains)).sorted().toList();
         }
+    }
+
+    /** Asks the program to exit and waits for it; its exit status. */
+    public int exit(long seconds) throws InterruptedException {
+        close();
+        return waitFor(seconds);
     }
 
     @Override
