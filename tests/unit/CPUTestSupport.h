@@ -80,6 +80,21 @@ class CPUEngineTest : public AgentDBTest {
   bool mySavedFastClock = false;
 };
 
+// Tracing on, with one thread "worker" that the fake JVM runs on, its shadow stack known and
+// empty.
+class TracedThreadTest : public CPUEngineTest {
+ protected:
+  void SetUp() override {
+    CPUEngineTest::SetUp();
+    ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
+    myThread = startThread("worker");
+    myFake.currentThread = myThread;
+    myThread->myCurrentFrameIndex = 0;
+  }
+
+  ThreadInfo* myThread = nullptr;
+};
+
 // Burns about 'ns' of the calling thread's CPU time and returns what it really burnt.
 inline jlong spinCPU(jlong ns) {
   jlong start = getCurrentThreadCPUTimeNs();

@@ -14,16 +14,12 @@
 namespace {
 
 // Snapshots and updates taken while traced calls are in progress.
-class SnapshotTracingTest : public CPUEngineTest {
+class SnapshotTracingTest : public TracedThreadTest {
  protected:
   void SetUp() override {
-    CPUEngineTest::SetUp();
-    ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
-    myThread = startThread("worker");
+    TracedThreadTest::SetUp();
     // The capture reads the thread's clock by its kernel id, as it does for other threads.
     myThread->myThreadID = static_cast<jlong>(syscall(SYS_gettid));
-    myFake.currentThread = myThread;
-    myThread->myCurrentFrameIndex = 0;
   }
 
   // The time of the thread's CPU row for a frame, as a stream of the CPU table has it.
@@ -39,8 +35,6 @@ class SnapshotTracingTest : public CPUEngineTest {
     ADD_FAILURE() << "no row for frame " << frame;
     return -1;
   }
-
-  ThreadInfo* myThread = nullptr;
 };
 
 }  // namespace

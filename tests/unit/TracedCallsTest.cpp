@@ -15,22 +15,12 @@
 // threads that end.
 namespace {
 
-class TracedCallsTest : public CPUEngineTest {
+class TracedCallsTest : public TracedThreadTest {
  protected:
-  void SetUp() override {
-    CPUEngineTest::SetUp();
-    ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
-    myThread = startThread("worker");
-    myFake.currentThread = myThread;
-    myThread->myCurrentFrameIndex = 0;
-  }
-
   jlong countOn(std::vector<jint> path) {
     CPUProfilingRecord* row = cpuRow(myThread, pathFrame(path));
     return row == nullptr ? -1 : row->count;
   }
-
-  ThreadInfo* myThread = nullptr;
 };
 
 TEST_F(TracedCallsTest, CallsFromOneCallerToChangingCalleesLandOnTheirOwnPaths) {

@@ -8,17 +8,7 @@
 
 namespace {
 
-class TracingTest : public CPUEngineTest {
- protected:
-  void SetUp() override {
-    CPUEngineTest::SetUp();
-    ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
-    myThread = startThread("worker");
-    myFake.currentThread = myThread;
-    myThread->myCurrentFrameIndex = 0;  // stack known and empty
-  }
-  ThreadInfo* myThread = nullptr;
-};
+class TracingTest : public TracedThreadTest {};
 
 TEST_F(TracingTest, CallsAreCountedOnTheirPathAndTimedInThreadCPU) {
   jint outer = indexOf(myFake.method("Lapp/M;", "outer"));
