@@ -91,18 +91,9 @@ public final class Natives {
     public static final int FIELD_EXCEPTION_COUNT = 53;  // 64-bit
     public static final int FIELD_COUNT = 54;
 
-    // Positions of the values of a telemetry row, for dbNget/dbNsetTeleValueImpl: the TELE_
-    // constants of com.kestrix.api.TelemetryRecord, shared with the agent's runtime.
-
-    // Property rows that hold the telemetry constants, by row index.
-    public static final int TELEC_HEAP_MEMORY_MAX_KB_PROP_INDEX = 0;
-    public static final int TELEC_NON_HEAP_MEMORY_MAX_KB_PROP_INDEX = 1;
-    public static final int TELEC_UNLOADED_CLASS_COUNT_PROP_INDEX = 2;
-    public static final int TELEC_PEAK_THREAD_COUNT_PROP_INDEX = 3;
-    public static final int TELEC_CREATED_THREAD_COUNT_PROP_INDEX = 4;
-    public static final int TELEC_DEADLOCK_FOUND_PROP_INDEX = 5;
-    public static final int TELEC_FIELD_COUNT = 6;
-
+    // Positions of the values of a telemetry row, for dbNget/dbNsetTeleValueImpl, and of the
+    // property rows of the telemetry constants: the TELE_ and TELEC_ constants of
+    // com.kestrix.api.TelemetryRecord, shared with the agent's runtime.
 
     private static boolean ourLoaded;
 
