@@ -32,6 +32,18 @@ ThreadInfo* profiledThread(const jvmtiStackInfo& stackInfo) {
   return info;
 }
 
+// The stacks of all threads; false while the JVM is not live, when there are none to take.
+bool takeAllStacks(jvmtiStackInfo** stacks, jint* threadCount) {
+  *stacks = nullptr;
+  *threadCount = 0;
+  jvmtiError error = ourJVMTI->GetAllStackTraces(SAMPLER_MAX_FRAMES, stacks, threadCount);
+  if (error == JVMTI_ERROR_WRONG_PHASE) {
+    return false;
+  }
+  check_JVMTI_error(error);
+  return true;
+}
+
 void releaseStacks(JNIEnv* env, jvmtiStackInfo* stacks, jint threadCount) {
   for (jint i = 0; i < threadCount; i++) {
     env->DeleteLocalRef(stacks[i].thread);
@@ -79,13 +91,11 @@ void samplingPass(JNIEnv* env, jlong wall) {
       ((ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported)) {
     return;
   }
-  jvmtiStackInfo* stacks = nullptr;
-  jint threadCount = 0;
-  jvmtiError error = ourJVMTI->GetAllStackTraces(SAMPLER_MAX_FRAMES, &stacks, &threadCount);
-  if (error == JVMTI_ERROR_WRONG_PHASE) {
+  jvmtiStackInfo* stacks;
+  jint threadCount;
+  if (!takeAllStacks(&stacks, &threadCount)) {
     return;
   }
-  check_JVMTI_error(error);
   for (jint i = 0; i < threadCount; i++) {
     ThreadInfo* info = profiledThread(stacks[i]);
     if (info == nullptr) {
@@ -135,13 +145,11 @@ void sampleThreadStatusesJVMTI(JNIEnv* env, jint* op_startIndex, jint* op_thread
   *op_startIndex = 0;
   *op_threadCount = 0;
   LockHolder holder(&ourLock, "Sampling(140)");
-  jvmtiStackInfo* stacks = nullptr;
-  jint threadCount = 0;
-  jvmtiError error = ourJVMTI->GetAllStackTraces(SAMPLER_MAX_FRAMES, &stacks, &threadCount);
-  if (error == JVMTI_ERROR_WRONG_PHASE) {
+  jvmtiStackInfo* stacks;
+  jint threadCount;
+  if (!takeAllStacks(&stacks, &threadCount)) {
     return;
   }
-  check_JVMTI_error(error);
   DBTable<ThreadStateRecord>* table = ourDB->myThreadStateTable;
   for (jint i = 0; i < threadCount; i++) {
     ThreadInfo* info = profiledThread(stacks[i]);
