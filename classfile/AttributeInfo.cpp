@@ -32,6 +32,13 @@ void AttributeInfo::write(DataOutput& out) const {
   }
 }
 
+void AttributeInfo::writeAll(const KVector<AttributeInfo*>& attributes, DataOutput& out) {
+  out.writeUnsignedShort(static_cast<unsigned int>(attributes.size()));
+  for (int i = 0; i < attributes.size(); i++) {
+    attributes[i]->write(out);
+  }
+}
+
 void AttributeInfo::setAttributeLength(int attributeLength) {
   KASSERT(attributeLength >= 0);
   myAttributeLength = attributeLength;

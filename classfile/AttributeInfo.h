@@ -23,6 +23,8 @@ class AttributeInfo {
   // many bytes: an attribute changed without its length would make the class unreadable,
   // so that throws ClassFormatError instead.
   void write(DataOutput& out) const;
+  // An attribute count and the attributes, as classes, fields, methods and code hold them.
+  static void writeAll(const KVector<AttributeInfo*>& attributes, DataOutput& out);
 
   int getAttributeNameIndex() const { return myAttributeNameIndex; }
   int getAttributeLength() const { return myAttributeLength; }

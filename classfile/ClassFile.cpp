@@ -245,10 +245,7 @@ void ClassFile::writeClass(DataOutput& out) const {
   for (int i = 0; i < myMethods.size(); i++) {
     myMethods[i]->writeTo(out);
   }
-  out.writeUnsignedShort(static_cast<unsigned int>(myAttributes.size()));
-  for (int i = 0; i < myAttributes.size(); i++) {
-    myAttributes[i]->write(out);
-  }
+  AttributeInfo::writeAll(myAttributes, out);
 }
 
 // ---------------------------------------------------------------- queries

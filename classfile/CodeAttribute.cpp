@@ -129,10 +129,7 @@ void CodeAttribute::writeTo(DataOutput& out) const {
   for (int i = 0; i < myExceptionTable.size(); i++) {
     myExceptionTable[i]->writeTo(out);
   }
-  out.writeUnsignedShort(static_cast<unsigned int>(myAttributes.size()));
-  for (int i = 0; i < myAttributes.size(); i++) {
-    myAttributes[i]->write(out);
-  }
+  AttributeInfo::writeAll(myAttributes, out);
 }
 
 // ---------------------------------------------------------------- changes

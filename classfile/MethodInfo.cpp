@@ -93,8 +93,5 @@ void MethodInfo::writeTo(DataOutput& out) const {
   out.writeUnsignedShort(static_cast<unsigned int>(myAccessFlags));
   out.writeUnsignedShort(static_cast<unsigned int>(myNameIndex));
   out.writeUnsignedShort(static_cast<unsigned int>(myDescriptorIndex));
-  out.writeUnsignedShort(static_cast<unsigned int>(myAttributes.size()));
-  for (int i = 0; i < myAttributes.size(); i++) {
-    myAttributes[i]->write(out);
-  }
+  AttributeInfo::writeAll(myAttributes, out);
 }
