@@ -15,6 +15,7 @@
 #include "engines/ObjectEnumerator.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
+#include "engines/TracingGate.h"
 #include "instrument/CallbackPatcher.h"
 #include "instrument/ClassLoadHook.h"
 
@@ -66,6 +67,7 @@ void detectJVM() {
   check_JVMTI_error(ourJVMTI->GetVersionNumber(&version));
   ourIsMustang = static_cast<unsigned>(version) > 0x30010154u;
   ourIs6u4OrNewer = static_cast<unsigned>(version) > 0x30010169u;
+  ourHasVirtualThreads = ((version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR) >= 19;
 
   char* vendor = getSystemProperty("java.vm.vendor");
   ourIsIBM = startsWith(vendor, "IBM");
@@ -231,6 +233,7 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
   if (!checkPlatformCapabilities()) {
     return -1;
   }
+  TracingGate::init();
   installEventCallbacks();
   if (canInstrumentNativeMethods()) {
     check_JVMTI_error(ourJVMTI->SetNativeMethodPrefix(ourNativeMethodPrefix));

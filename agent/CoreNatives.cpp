@@ -16,6 +16,7 @@
 #include "engines/ObjectEnumerator.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
+#include "engines/TracingGate.h"
 #include "snapshot/SnapshotCapture.h"
 #include "snapshot/TableStream.h"
 
@@ -67,6 +68,7 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearAllocationData(JNIEnv*
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearCPUData(JNIEnv* env, jclass) {
   LockHolder holder(&ourLock, "CoreNatives(76)");
+  TracingGate::Closure stillTracing;
   for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
     if (ourAllThreadInfos._states[i] == KMAP_FULL) {
       ourAllThreadInfos._keys[i]->clearCPUAndJ2EEInfo();

@@ -13,6 +13,7 @@ jvmtiEnv* ourJVMTI7 = nullptr;
 
 bool ourIsMustang = false;
 bool ourIs6u4OrNewer = false;
+bool ourHasVirtualThreads = false;
 bool ourIsIBM = false;
 bool ourIsJRockit = false;
 bool ourIsMac = false;

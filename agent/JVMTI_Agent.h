@@ -36,6 +36,9 @@ extern jvmtiEnv* ourJVMTI7;
 
 extern bool ourIsMustang;
 extern bool ourIs6u4OrNewer;
+// The JVM may run virtual threads (JVMTI 19 and later): the code of one runs on a carrier thread
+// whose native thread-locals are the carrier's, not its own.
+extern bool ourHasVirtualThreads;
 extern bool ourIsIBM;
 extern bool ourIsJRockit;
 extern bool ourIsMac;

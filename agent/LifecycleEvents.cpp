@@ -162,6 +162,7 @@ void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
     return;  // the JVM began to die after the check above; the row stays, unused
   }
   check_JVMTI_error(error);
+  setCurrentThreadInfo(info);
   ourAllThreadInfos.add(info);
 }
 
@@ -177,6 +178,7 @@ void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
     if (error != JVMTI_ERROR_WRONG_PHASE) {
       check_JVMTI_error(error);
     }
+    setCurrentThreadInfo(nullptr);
   }
   DeadThreadFolder::threadEnded(info);
 }

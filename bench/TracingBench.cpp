@@ -9,6 +9,7 @@
 #include "engines/KMethod.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
+#include "engines/TracingGate.h"
 
 // The tracing natives as the probes call them, against a JVM that answers only what the hot
 // path asks: the phase and the current thread's ThreadInfo. Everything else the natives do is
@@ -53,6 +54,7 @@ void setUpAgentOnce() {
   // Between VM Init and VM Death, where an application's traced calls happen: the probes then
   // ask the JVM for nothing but the thread-local slot.
   ourVMInitCalled = true;
+  TracingGate::init();
 }
 
 void setUpAgent() {
@@ -78,6 +80,9 @@ void startThread(jint loopMethod) {
     LockHolder holder(&ourLock, "TracingBench(75)");
     ourBenchThread = new ThreadInfo("bench", "main", 0);
     ourBenchThread->myCurrentFrameIndex = 0;
+    // As a thread start would: a live thread the gate's closers know, found without the JVM.
+    ourAllThreadInfos.add(ourBenchThread);
+    setCurrentThreadInfo(ourBenchThread);
   }
   enter(loopMethod);
 }
@@ -85,6 +90,9 @@ void startThread(jint loopMethod) {
 void endThread(jint loopMethod) {
   leave(loopMethod);
   // The ThreadInfo stays: its rows are in the tables, like a dead thread's before folding.
+  LockHolder holder(&ourLock, "TracingBench(90)");
+  ourAllThreadInfos.remove(ourBenchThread);
+  setCurrentThreadInfo(nullptr);
   ourBenchThread = nullptr;
 }
 

@@ -9,6 +9,7 @@
 #include "engines/Filter.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
+#include "engines/TracingGate.h"
 #include "snapshot/SnapshotFile.h"
 
 void (*ourRedefineCallback)(JNIEnv* env) = nullptr;
@@ -25,12 +26,19 @@ void redefineCallback(JNIEnv* env) {
 
 jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, const char* wallTimeSpec) {
   LockHolder holder(&ourLock, "CPUProfiling(30)");
+  TracingGate::Closure stillTracing;
   if ((ourStatus & CPU_TIMES_BIT) != 0) {
     return 3;
   }
   KString filterText(filters == nullptr ? "" : filters);
   KString wallTimeText = wallTimeSpec == nullptr ? Filter::readWallTimeSpecFromFile(nullptr) : KString(wallTimeSpec);
   Filter::reloadFilters(filterText, wallTimeText);
+  // The threads' callee caches hold method flags that may have just changed.
+  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
+    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
+      ourAllThreadInfos._keys[i]->myCallees.clear();
+    }
+  }
   if ((mode & CPU_TIMES_BIT) == 0) {
     throwException(env, "(mode & ProfilingModes::CPU_TIMES_BIT) != 0", static_cast<int>(mode), 0);
     return 0;
@@ -59,6 +67,7 @@ jint startCPUProfiling(JNIEnv* env, jlong mode, jstring filters, jstring wallTim
 
 void stopCPUProfiling(JNIEnv* env) {
   LockHolder holder(&ourLock, "CPUProfiling(60)");
+  TracingGate::Closure stillTracing;
   if ((ourStatus & CPU_TIMES_BIT) == 0) {
     return;
   }

@@ -22,19 +22,20 @@ bool isAgentThreadName(const char* name) {
 }
 
 ThreadInfo::ThreadInfo(const char* name, const char* groupName, jlong threadID)
-    : myThreadID(threadID),
+    : myInLockFreeSection(false),
+      myIsAgentThread(false),
+      myCurrentFrameIndex(-1),
+      myFilteredCallsStack(64),
+      myTracedCalls(16),
+      myEntryTimesNs(10),
+      myThreadID(threadID),
       myThreadTableIndex(0),
       myIndexForTFI(0),
       myRunningNumber(0),
-      myEntryTimesNs(10),
       myJ2EETimesStack(10),
       myJ2EERecordsStack(10),
-      myCurrentFrameIndex(-1),
-      myIsAgentThread(false),
       myLastCPUTimeNs(0),
-      myNeedsWallTimeCorrection(false),
-      myFilteredCallsStack(64),
-      myTracedCalls(16) {
+      myNeedsWallTimeCorrection(false) {
   init();
   myIsAgentThread = isAgentThreadName(name);
   StringPool* strings = ourDB->myStrPool;
@@ -101,17 +102,44 @@ void ThreadInfo::clearCPUAndJ2EEInfo() {
   myFilteredCallsStack.clear();
   // Before the CPU rows they point at are dropped.
   myTracedCalls.clear();
+  myCallees.clear();
   ourDB->myJ2EEIndex->clearThread(myRunningNumber);
   myNeedsWallTimeCorrection = false;
 }
 
-ThreadInfo* getThreadInfoJVMTI(jthread thread) {
-  if (currentPhase() == JVMTI_PHASE_START) {
-    return ourVMStartThread;
-  }
+// Mirrors the current thread's JVMTI slot; see setCurrentThreadInfo.
+__thread ThreadInfo* ourCurrentThreadInfo __attribute__((tls_model("initial-exec"))) = nullptr;
+
+namespace {
+
+ThreadInfo* threadLocalStorage(jthread thread) {
   void* data = nullptr;
   if (ourJVMTI->GetThreadLocalStorage(thread, &data) != JVMTI_ERROR_NONE) {
     return nullptr;
   }
   return static_cast<ThreadInfo*>(data);
+}
+
+}  // namespace
+
+// A virtual thread finds its own JVMTI slot, which the agent never fills, while a native
+// thread-local would give it its carrier's ThreadInfo; so where virtual threads exist the
+// mirror stays empty and every lookup asks the JVM.
+void setCurrentThreadInfo(ThreadInfo* info) { ourCurrentThreadInfo = ourHasVirtualThreads ? nullptr : info; }
+
+ThreadInfo* getThreadInfoJVMTI(jthread thread) {
+  if (thread == nullptr && ourVMInitCalled && !ourVMDeathCalled) {
+    // The slot of the current thread changes only in its own start and end events, which
+    // update the mirror too; a thread whose start went unseen fills it here once.
+    ThreadInfo* info = ourCurrentThreadInfo;
+    if (info == nullptr) {
+      info = threadLocalStorage(nullptr);
+      setCurrentThreadInfo(info);
+    }
+    return info;
+  }
+  if (currentPhase() == JVMTI_PHASE_START) {
+    return ourVMStartThread;
+  }
+  return threadLocalStorage(thread);
 }

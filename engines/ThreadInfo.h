@@ -4,15 +4,17 @@
 #include <jni.h>
 #include <jvmti.h>
 
+#include <atomic>
+
+#include "agent/JVMTI_Agent.h"
 #include "agent/KVector.h"
 #include "db/DB.h"
 #include "db/IndexPool.h"
+#include "engines/CalleeCache.h"
 #include "engines/ThreadFrameIndex.h"
 
 // What the tracing probes keep of one open traced call, beside its entry time. It lets the exit
-// close the call without looking anything up, and the next call made from it skip the call-tree
-// scan and the row lookup when it goes to the same method as the previous one (a loop calling one
-// method, the common case).
+// close the call without looking anything up.
 //
 // The row pointers stay valid: rows live in chunks that never move, a live thread's (thread,
 // frame) pairs keep their TFI, and the one thing that drops CPU rows, clearing the CPU data,
@@ -26,10 +28,6 @@ struct TracedCall {
   // The thread's row for myFrame; null for calls found by a stack rebuild, whose entries were
   // missed, until their exit or a capture gives them a row.
   CPUProfilingRecord* myRecord;
-  // The callee entered last from this call: its method (0 when none), frame and row.
-  jint myLastCalleeMethod;
-  jint myLastCalleeFrame;
-  CPUProfilingRecord* myLastCalleeRecord;
 };
 
 // Per-thread state of every engine, one per live Java thread plus two pseudo-threads. A thread
@@ -38,7 +36,8 @@ struct TracedCall {
 // slot; the object itself holds only the state of calls in progress.
 //
 // Fields other than the stacks are also read by the sampler on another thread, under ourLock.
-class ThreadInfo {
+// Aligned to a cache line, so that two threads' probes never write to the same line.
+class alignas(64) ThreadInfo {
  public:
   // Takes a thread row, a TFI slot and a running number, and fills the thread's row. A null
   // name or group becomes "". Whether the thread is exempt from profiling is decided on the
@@ -76,6 +75,29 @@ class ThreadInfo {
 
   ThreadRecord* getThreadRecord() { return ourDB->myThreadTable->getRecord(myThreadTableIndex, true); }
 
+  // The probes' state comes first and together: a traced call touches these two cache lines of
+  // its ThreadInfo and no others.
+  //
+  // Set while the thread's probes record a call without ourLock (TracingGate). The entry times,
+  // the current frame, the traced calls, the callee cache and the thread's CPU rows are changed
+  // only under ourLock or inside such a section; other threads touch them only under ourLock
+  // with the gate closed.
+  std::atomic<bool> myInLockFreeSection;
+  // The agent's own thread, or otherwise exempt: every engine skips it.
+  bool myIsAgentThread;
+  // Call-tree frame the thread is in; -1 when not known.
+  jint myCurrentFrameIndex;
+  // One entry per open call, true when its method is filtered.
+  KVector<bool> myFilteredCallsStack;
+  // One entry per open traced call that has a frame, outermost first, whether or not times are
+  // taken. Describes the path to myCurrentFrameIndex only while its last entry's frame is that
+  // frame; the probes check this and fall back to the tree otherwise.
+  KVector<TracedCall> myTracedCalls;
+  // Entry times of the open traced calls, outermost first.
+  KVector<jlong> myEntryTimesNs;
+  // The callees of the calls the thread traced so far.
+  CalleeCache myCallees;
+
   // OS thread id; 0 for the pseudo-threads.
   jlong myThreadID;
   jint myThreadTableIndex;
@@ -83,25 +105,13 @@ class ThreadInfo {
   jint myIndexForTFI;
   // Lifetime-unique, never reused, never 0: the thread's identity in records.
   jint myRunningNumber;
-  // Entry times of the open traced calls, outermost first.
-  KVector<jlong> myEntryTimesNs;
   // Accumulated frame time at each open j2ee call.
   KVector<jlong> myJ2EETimesStack;
   KVector<J2EERecord*> myJ2EERecordsStack;
-  // Call-tree frame the thread is in; -1 when not known.
-  jint myCurrentFrameIndex;
-  // The agent's own thread, or otherwise exempt: every engine skips it.
-  bool myIsAgentThread;
   // Thread CPU time at the previous sample; 0 when none yet.
   jlong myLastCPUTimeNs;
   // The thread's tree must be wall-time corrected before it is read.
   bool myNeedsWallTimeCorrection;
-  // One entry per open call, true when its method is filtered.
-  KVector<bool> myFilteredCallsStack;
-  // One entry per open traced call that has a frame, outermost first, whether or not times are
-  // taken. Touched only under ourLock. Describes the path to myCurrentFrameIndex only while its
-  // last entry's frame is that frame; the probes check this and fall back to the tree otherwise.
-  KVector<TracedCall> myTracedCalls;
 
   // The last running number given out.
   static jint ourRunningNumber;
@@ -120,6 +130,21 @@ bool isAgentThreadName(const char* name);
 // start phase every thread maps to ourVMStartThread. Takes no lock: a thread's slot is written
 // only by that thread's own start and end events.
 ThreadInfo* getThreadInfoJVMTI(jthread thread);
+
+// Tells this thread's getThreadInfoJVMTI(nullptr) what its JVMTI slot now holds, so that it
+// answers from a C++ thread-local while the JVM is live instead of asking the JVM, which costs
+// as much as the rest of a traced call. Whoever sets the slot of the current thread calls it.
+void setCurrentThreadInfo(ThreadInfo* info);
+
+// What setCurrentThreadInfo was last told on this thread. Not a TLS model that needs a call:
+// the probes read it twice per traced call.
+extern __thread ThreadInfo* ourCurrentThreadInfo __attribute__((tls_model("initial-exec")));
+
+// getThreadInfoJVMTI(nullptr), with the common answer inline for the probes.
+inline ThreadInfo* getCurrentThreadInfo() {
+  ThreadInfo* info = ourCurrentThreadInfo;
+  return info != nullptr && ourVMInitCalled && !ourVMDeathCalled ? info : getThreadInfoJVMTI(nullptr);
+}
 
 // Pseudo-thread "<Oldest dead threads>", heir of every folded dead thread.
 extern ThreadInfo* ourOldestDeadThreads;

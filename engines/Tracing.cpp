@@ -9,6 +9,7 @@
 #include "db/DB.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
+#include "engines/TracingGate.h"
 
 namespace {
 
@@ -52,6 +53,7 @@ bool isMethodTracingActive() {
 
 void resetStackTrace(ThreadInfo* threadInfo, bool isCurrentThread) {
   KASSERT(threadInfo);
+  KASSERT(isCurrentThread || TracingGate::isClosed());
   if (!isTiming() || threadInfo->myCurrentFrameIndex == -1) {
     return;
   }
@@ -77,6 +79,7 @@ void resetStackTrace(ThreadInfo* threadInfo, bool isCurrentThread) {
 
 void restoreStackTrace(ThreadInfo* threadInfo, bool isCurrentThread) {
   KASSERT(threadInfo);
+  KASSERT(isCurrentThread || TracingGate::isClosed());
   if (threadInfo->myCurrentFrameIndex == -1) {
     return;
   }
@@ -124,8 +127,8 @@ void rebuildTracedCalls(ThreadInfo* info, jint frame) {
   calls.clear();
   for (jint f = frame; f != 0 && f != -1; f = ourFrameStorage.getParent(f)) {
     jint methodIndex = ourFrameStorage.getMethodIndex(f);
-    TracedCall call = {f, ourFrameStorage.getParent(f), methodIndex,
-                       (methodFlags(methodIndex) & MF_WALL_TIME) != 0, nullptr, 0, -1, nullptr};
+    TracedCall call = {f, ourFrameStorage.getParent(f), methodIndex, (methodFlags(methodIndex) & MF_WALL_TIME) != 0,
+                       nullptr};
     calls.push(call);
   }
   TracedCall* array = calls.getArray();
@@ -136,18 +139,29 @@ void rebuildTracedCalls(ThreadInfo* info, jint frame) {
   }
 }
 
+// The part of isMethodTracingActive that needs no lock, for probes that time calls.
+inline bool isRecordingTimedCalls() {
+  return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported && ourVMInitCalled &&
+         !ourVMDeathCalled;
+}
+
+// The open call the thread is in, when its traced calls describe it.
+inline TracedCall* currentTracedCall(ThreadInfo* info) {
+  KVector<TracedCall>& calls = info->myTracedCalls;
+  return !calls.isEmpty() && calls.last().myFrame == info->myCurrentFrameIndex ? &calls.last() : nullptr;
+}
+
 }  // namespace
 
-// Locking. The bit stack and the method flags are read outside ourLock as before; so are the
-// clocks: the entry and exit times are the calling thread's own clock, and reading them before
-// the lock keeps the two costliest steps of a traced call out of the section that serialises all
-// traced threads. Everything another thread may look at stays under ourLock: the shadow frame,
-// myEntryTimesNs (a capture's resetStackTrace and restoreStackTrace, stopCPUProfiling), the rows
-// and the tree (the sampler, writeTables). myTracedCalls is read and written only under the lock
-// as well, since clearCPUData empties it from the request thread.
+// Locking. A traced call whose frame and row the thread knows already (its callee cache) changes
+// nothing but the thread's own state and rows; it is recorded inside a TracingGate section, with
+// no lock. Everything else takes ourLock: rebuilding a stack, a call not made before from its
+// frame (the tree and the rows are shared), closing a call that a rebuild found. Whoever looks at
+// other threads' calls or rows closes the gate under ourLock, and then sees what they would see
+// if every probe took the lock. The bit stack and the method flags are read outside both.
 //
-// A clock read before the lock can be older than something that happened while this thread
-// waited for it:
+// The clocks are read before either: the entry and exit times are the calling thread's own clock.
+// A reading can be older than something that happened while the thread waited for ourLock:
 // - at entry, a capture may close and reopen the thread's open calls at a later moment; the new
 //   call was not open then, so starting it a little earlier counts nothing twice;
 // - at exit, a capture may have closed the call at a moment later than the reading and reopened
@@ -155,8 +169,41 @@ void rebuildTracedCalls(ThreadInfo* info, jint frame) {
 //   negative, and the row never shrinks between two captures.
 namespace {
 
-// The part of an entry that records, kept out of line so that a collapsed call pays for none of
-// its registers and stack.
+// Records an entry whose callee the thread knows, without ourLock; false when the other paths
+// must handle it. The callee cache holds only calls that were not collapsed, and whether a call
+// collapses depends on its method and its caller's alone: a known callee needs neither the
+// method flags nor the skip test. The clock is read inside the section: a closer waits for one
+// system call at most.
+inline bool enterKnownCallee(ThreadInfo* info, jint methodIndex) {
+  if (!isRecordingTimedCalls() || !TracingGate::enter(info)) {
+    return false;
+  }
+  jint parent = info->myCurrentFrameIndex;
+  KVector<TracedCall>& calls = info->myTracedCalls;
+  const CalleeCache::Entry* callee = nullptr;
+  // A frame that moved past the traced calls (a rebuild, a drop) is sorted out by the locked path.
+  if (parent != -1 && (calls.isEmpty() || calls.last().myFrame == parent)) {
+    callee = info->myCallees.find(parent, methodIndex);
+  }
+  if (callee != nullptr) {
+    bool isWallTime = (callee->myFlags & MF_WALL_TIME) != 0;
+    info->myFilteredCallsStack.push((callee->myFlags & MF_FILTERED) != 0);
+    TracedCall call = {callee->myFrame, parent, methodIndex, isWallTime, callee->myRecord};
+    calls.push(call);
+    info->myCurrentFrameIndex = callee->myFrame;
+    callee->myRecord->count++;
+    callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
+    // The clock last: the stores above are settled by the system call, and only one is left for
+    // the JVM's fence on the way back to Java to wait for.
+    info->myEntryTimesNs.push(0);
+    info->myEntryTimesNs.last() = probeClock(isWallTime);
+  }
+  TracingGate::leave(info);
+  return callee != nullptr;
+}
+
+// The part of an entry that takes ourLock, kept out of line so that the other paths pay for none
+// of its registers and stack.
 __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint methodIndex, jint flags) {
   KVector<bool>& filteredCalls = info->myFilteredCallsStack;
   bool isWallTime = (flags & MF_WALL_TIME) != 0;
@@ -185,30 +232,22 @@ __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint m
     calls.last().myRecord = record;
   } else {
     jint parent = info->myCurrentFrameIndex;
-    TracedCall* caller = nullptr;
-    if (!calls.isEmpty()) {
-      caller = &calls.last();
-      if (caller->myFrame != parent) {
-        // The frame was moved by someone who didn't know of these calls; they describe nothing now.
-        calls.clear();
-        caller = nullptr;
-      }
+    if (!calls.isEmpty() && currentTracedCall(info) == nullptr) {
+      // The frame was moved by someone who didn't know of these calls; they describe nothing now.
+      calls.clear();
     }
-    if (caller != nullptr && caller->myLastCalleeMethod == methodIndex) {
-      frame = caller->myLastCalleeFrame;
-      record = caller->myLastCalleeRecord;
+    const CalleeCache::Entry* callee = info->myCallees.find(parent, methodIndex);
+    if (callee != nullptr) {
+      frame = callee->myFrame;
+      record = callee->myRecord;
     } else {
       frame = ourFrameStorage.getChild(parent, methodIndex);
       KASSERT_TEXT(frame != -1, "currentFrameIndex != -1");
       record = info->getCPUProfilingRecord(frame, true);
-      if (caller != nullptr) {
-        caller->myLastCalleeMethod = methodIndex;
-        caller->myLastCalleeFrame = frame;
-        caller->myLastCalleeRecord = record;
-      }
+      info->myCallees.put(parent, methodIndex, frame, flags, record);
     }
     KASSERT_TEXT(frame != 0, "currentFrameIndex != 0");
-    TracedCall call = {frame, parent, methodIndex, isWallTime, record, 0, -1, nullptr};
+    TracedCall call = {frame, parent, methodIndex, isWallTime, record};
     calls.push(call);
     if (timing) {
       info->myEntryTimesNs.push(entryTime);
@@ -222,8 +261,8 @@ __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint m
 }  // namespace
 
 void methodEntry(JNIEnv* env, jint methodIndex) {
-  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
-  if (info == nullptr || info->myIsAgentThread) {
+  ThreadInfo* info = getCurrentThreadInfo();
+  if (info == nullptr || info->myIsAgentThread || enterKnownCallee(info, methodIndex)) {
     return;
   }
   jint flags = methodFlagsUnlocked(methodIndex);
@@ -239,7 +278,44 @@ void methodEntry(JNIEnv* env, jint methodIndex) {
 
 namespace {
 
-// The part of an exit that records; out of line like tracedEntry.
+// Adds the time of a call that ended at 'now' to its row.
+inline void chargeCall(ThreadInfo* info, CPUProfilingRecord* record, bool isWallTime, jlong now) {
+  KASSERT_TEXT(!info->myEntryTimesNs.isEmpty(), "!threadInfo->myEntryTimesNs.empty()");
+  jlong entryTime = info->myEntryTimesNs.pop();
+  jlong delta = getTimeDeltaNs(now, entryTime, 1);
+  record->time += delta > 0 ? delta : 0;
+  record->myModificationStamp = ourDB->myModificationStamp;
+  if (isWallTime) {
+    info->myNeedsWallTimeCorrection = true;
+  }
+}
+
+// Records the exit of a call whose entry was recorded, without ourLock; false when the locked
+// path must record it instead. The open call tells the clock, so the method flags aren't read.
+inline bool exitTracedCall(ThreadInfo* info, jint methodIndex) {
+  if (!isRecordingTimedCalls() || !TracingGate::enter(info)) {
+    return false;
+  }
+  TracedCall* call = currentTracedCall(info);
+  bool done = call != nullptr && call->myMethodIndex == methodIndex && call->myRecord != nullptr &&
+              !info->myEntryTimesNs.isEmpty();
+  if (done) {
+    // Everything that needs no clock before it, as at entry.
+    TracedCall ended = info->myTracedCalls.pop();
+    jlong entryTime = info->myEntryTimesNs.pop();
+    info->myCurrentFrameIndex = ended.myParentFrame;
+    if (ended.myIsWallTime) {
+      info->myNeedsWallTimeCorrection = true;
+    }
+    jlong delta = getTimeDeltaNs(probeClock(ended.myIsWallTime), entryTime, 1);
+    ended.myRecord->time += delta > 0 ? delta : 0;
+    ended.myRecord->myModificationStamp = ourDB->myModificationStamp;
+  }
+  TracingGate::leave(info);
+  return done;
+}
+
+// The part of an exit that takes ourLock; out of line like tracedEntry.
 __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
   // The clock of this method as its flags say now; the flags of an open call can't change, since
   // filters are reloaded only while CPU profiling is off and stopping drops every shadow stack.
@@ -255,16 +331,16 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
   jint parent;
   CPUProfilingRecord* record;
   bool callIsWallTime;
-  if (!calls.isEmpty() && calls.last().myFrame == frame) {
-    const TracedCall& call = calls.last();
-    if (methodIndex != call.myMethodIndex) {
+  TracedCall* call = currentTracedCall(info);
+  if (call != nullptr) {
+    if (methodIndex != call->myMethodIndex) {
       // Some call ended without its exit probe; nothing on the shadow stack can be trusted.
       dropShadowStack(info, true);
       return;
     }
-    parent = call.myParentFrame;
-    record = call.myRecord;
-    callIsWallTime = call.myIsWallTime;
+    parent = call->myParentFrame;
+    record = call->myRecord;
+    callIsWallTime = call->myIsWallTime;
     calls.pop();
   } else {
     // No traced call of ours describes the frame: the tree does.
@@ -282,17 +358,10 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
     if (record == nullptr) {
       record = info->getCPUProfilingRecord(frame, true);
     }
-    KASSERT_TEXT(!info->myEntryTimesNs.isEmpty(), "!threadInfo->myEntryTimesNs.empty()");
-    jlong entryTime = info->myEntryTimesNs.pop();
     if (callIsWallTime != isWallTime) {
       now = callIsWallTime ? getTimeNs() : getCurrentThreadCPUTimeNs();
     }
-    jlong delta = getTimeDeltaNs(now, entryTime, 1);
-    record->time += delta > 0 ? delta : 0;
-    record->myModificationStamp = ourDB->myModificationStamp;
-    if (callIsWallTime) {
-      info->myNeedsWallTimeCorrection = true;
-    }
+    chargeCall(info, record, callIsWallTime, now);
   }
 }
 
@@ -300,7 +369,7 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
 
 void methodExit(JNIEnv* env, jint methodIndex) {
   (void)env;
-  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
+  ThreadInfo* info = getCurrentThreadInfo();
   if (info == nullptr || info->myIsAgentThread || info->myFilteredCallsStack.isEmpty()) {
     return;
   }
@@ -309,7 +378,9 @@ void methodExit(JNIEnv* env, jint methodIndex) {
   if (popped && !filteredCalls.isEmpty() && filteredCalls.last()) {
     return;  // the exit of a call that the entry collapsed into its filtered caller
   }
-  tracedExit(info, methodIndex);
+  if (!exitTracedCall(info, methodIndex)) {
+    tracedExit(info, methodIndex);
+  }
 }
 
 extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodEntry0(JNIEnv* env, jclass, jshort low,

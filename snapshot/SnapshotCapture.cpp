@@ -14,6 +14,7 @@
 #include "db/DB.h"
 #include "db/StringPool.h"
 #include "engines/ThreadInfo.h"
+#include "engines/TracingGate.h"
 #include "snapshot/SnapshotFile.h"
 #include "snapshot/SnapshotWriter.h"
 #include "snapshot/TableStream.h"
@@ -112,6 +113,7 @@ class ThreadSuspension {
 bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, jlong flags, bool suspendThreads,
                            KString* error) {
   LockHolder holder(&ourLock, "SnapshotCapture(118)");
+  TracingGate::Closure stillTracing;
   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
   if (fd == -1) {
     *error = "Cannot open file to write snapshot";

@@ -9,6 +9,7 @@
 #include "db/DB.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
+#include "engines/TracingGate.h"
 #include "engines/WallTimeCorrector.h"
 #include "snapshot/SnapshotProgress.h"
 #include "snapshot/SocketWriter.h"
@@ -111,6 +112,8 @@ void writeAllTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint progressFr
 
 void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const jint* stamps) {
   LockHolder holder(&ourLock, "TableStream(71)");
+  // The stamp moves on below: no probe may stamp a row with the old one after it was sent.
+  TracingGate::Closure stillTracing;
   SocketWriter writer(socketFD, SOCKET_BUFFER_SIZE, true);
   bool withCPU = db == ourDB && (tableMask & (1 << CPUPROFILING_TABLE_ID)) != 0;
   if (withCPU) {

@@ -38,7 +38,7 @@ class AllocationRecordingTest : public CPUEngineTest {
     ourFrameStorage.ourStartupAllocationsFrame = -1;
     ourStatus = STACK_TELEMETRY | ALLOCATION_RECORDING_BIT;
     myThread = startThread("worker");
-    myFake.currentThread = myThread;
+    runOn(myThread);
     myOuter = myFake.method("Lapp/Main;", "main", "([Ljava/lang/String;)V");
     myInner = myFake.method("Lapp/Factory;", "make");
     myFake.currentStack = {myInner, myOuter};
@@ -167,7 +167,7 @@ TEST_F(AllocationRecordingTest, EveryNthAllocationOfAllThreadsIsRecordedAtItsSta
   std::vector<jint> results;
   for (int i = 0; i < 7; i++) {
     // The counter is shared: the fifth allocation comes from another thread.
-    myFake.currentThread = i == 4 ? other : myThread;
+    runOn(i == 4 ? other : myThread);
     results.push_back(allocate(&objects[i]));
   }
   EXPECT_EQ(7, ourAllocationCounter);
@@ -274,11 +274,11 @@ TEST_F(AllocationRecordingTest, NothingIsCountedWhileNotRecordingOnAgentThreadsO
   EXPECT_EQ(17, allocate(&object, 17));
   ourStatus = STACK_TELEMETRY | ALLOCATION_RECORDING_BIT;
 
-  myFake.currentThread = nullptr;
+  runOn(nullptr);
   EXPECT_EQ(-1, allocate(&object));
-  myFake.currentThread = startThread("KJPAgent-CPUSampler");
+  runOn(startThread("KJPAgent-CPUSampler"));
   EXPECT_EQ(-1, allocate(&object));
-  myFake.currentThread = myThread;
+  runOn(myThread);
 
   myFake.phase = JVMTI_PHASE_PRIMORDIAL;
   EXPECT_EQ(-1, allocate(&object));

@@ -157,6 +157,7 @@ void CPUEngineTest::SetUp() {
   mySavedFastClock = ourLinuxFastThreadCPUTimeSupported;
   ourLinuxFastThreadCPUTimeSupported = true;
   ourVMDeathCalled = false;
+  setCurrentThreadInfo(nullptr);
   ourMethodID2MethodIndex.init();
   ourMethodsByName.init();
   for (jint i = 0; i < Filter::ourFilters.size(); i++) {
@@ -172,6 +173,7 @@ void CPUEngineTest::TearDown() {
   ourJVMTI = mySavedJVMTI;
   ourLinuxFastThreadCPUTimeSupported = mySavedFastClock;
   ourVMDeathCalled = false;
+  setCurrentThreadInfo(nullptr);
   ourRedefineCallback = nullptr;
   ourFakeCPUVM = nullptr;
   AgentDBTest::TearDown();

@@ -70,6 +70,13 @@ class CPUEngineTest : public AgentDBTest {
   // Method indices from the root down to a frame.
   std::vector<jint> pathOf(jint frame);
   CPUProfilingRecord* cpuRow(ThreadInfo* info, jint frame) { return info->getCPUProfilingRecord(frame, false); }
+  // Makes the fake JVM run on 'info' from now on. The agent mirrors a thread's JVMTI slot in a
+  // C++ thread-local that only thread start and end update; the tests switch threads on one
+  // real thread, so they update both.
+  void runOn(ThreadInfo* info) {
+    myFake.currentThread = info;
+    setCurrentThreadInfo(info);
+  }
 
   FakeCPUVM myFake;
   JNINativeInterface_ myJNITable;
@@ -88,8 +95,14 @@ class TracedThreadTest : public CPUEngineTest {
     CPUEngineTest::SetUp();
     ourStatus |= CPU_TIMES_BIT | CPU_COUNTS_BIT;
     myThread = startThread("worker");
-    myFake.currentThread = myThread;
+    runOn(myThread);
     myThread->myCurrentFrameIndex = 0;
+  }
+
+  // The count of the worker's row at the end of a path from the root; -1 when it has none.
+  jlong countOn(std::vector<jint> path) {
+    CPUProfilingRecord* row = cpuRow(myThread, pathFrame(path));
+    return row == nullptr ? -1 : row->count;
   }
 
   ThreadInfo* myThread = nullptr;

@@ -161,7 +161,7 @@ class J2EECatchTest : public CPUEngineTest {
   void SetUp() override {
     CPUEngineTest::SetUp();
     myThread = startThread("worker");
-    myFake.currentThread = myThread;
+    runOn(myThread);
     myRun = myFake.method("Lapp/Main;", "run");
     myServe = myFake.method("Lapp/Servlet;", "service");
     myQuery = myFake.method("Lapp/Dao;", "query");
@@ -246,7 +246,7 @@ TEST_F(J2EECatchTest, OnlyJ2EEProfilingTrimsAndTracingGetsItsFilterBitsRefilled)
   EXPECT_EQ(2, myThread->myFilteredCallsStack.size());
 
   // A thread without state is left alone.
-  myFake.currentThread = nullptr;
+  runOn(nullptr);
   caught();
 }
 

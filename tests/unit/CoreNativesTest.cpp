@@ -327,7 +327,7 @@ class JNIRedirectionTest : public CPUEngineTest {
     ourStatus = STACK_TELEMETRY | ALLOCATION_RECORDING_BIT;
     ourAllocationRecordingSettings = AllocationRecordingSettings{false, 1, false, 0};  // measure, record nothing
     myThread = new ThreadInfo("main", "main", 1);
-    myFake.currentThread = myThread;
+    runOn(myThread);
 
     JNINativeInterface_& t = ourJVMJNITable;
     t = JNINativeInterface_{};
@@ -384,7 +384,7 @@ class JNIRedirectionTest : public CPUEngineTest {
     ourAllocationRecordingSettings = mySavedSettings;
     ourJNICalls = nullptr;
     ourMeasuredObjects = nullptr;
-    myFake.currentThread = nullptr;
+    runOn(nullptr);
     delete myThread;
     CPUEngineTest::TearDown();
   }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "CPUTestSupport.h"
+#include "engines/TracingGate.h"
 #include "SnapshotTestSupport.h"
 #include "agent/CPUTime.h"
 #include "engines/Tracing.h"
@@ -69,6 +70,7 @@ TEST_F(SnapshotTracingTest, UpdatesOfTheCPUTableCloseOpenCallsAndCorrectWallTime
   jlong before = spinCPU(10000000);
   MemoryWriter open;
   LockHolder holder(&ourLock, "SnapshotTracingTest");
+  TracingGate::Closure stillTracing;
   closeOpenCalls();
   writeTables(nullptr, ourDB, open, 1 << CPUPROFILING_TABLE_ID, 0, 0, 0, nullptr, false);
   reopenOpenCalls();

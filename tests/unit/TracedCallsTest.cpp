@@ -15,13 +15,7 @@
 // threads that end.
 namespace {
 
-class TracedCallsTest : public TracedThreadTest {
- protected:
-  jlong countOn(std::vector<jint> path) {
-    CPUProfilingRecord* row = cpuRow(myThread, pathFrame(path));
-    return row == nullptr ? -1 : row->count;
-  }
-};
+class TracedCallsTest : public TracedThreadTest {};
 
 TEST_F(TracedCallsTest, CallsFromOneCallerToChangingCalleesLandOnTheirOwnPaths) {
   Filter::reloadFilters(KString("lib.*"), KString(""));
@@ -203,7 +197,7 @@ TEST_F(TracedCallsTest, AThreadThatEndsAfterAWallTimeCallHasItsCallersRaised) {
   jint readFrame = pathFrame({run, work, read});
   jint runFrame = pathFrame({run});
 
-  myFake.currentThread = nullptr;
+  runOn(nullptr);
   DeadThreadFolder::threadEnded(myThread);
   myThread = nullptr;
 
