@@ -105,6 +105,14 @@ class TracedThreadTest : public CPUEngineTest {
     return row == nullptr ? -1 : row->count;
   }
 
+  // The worker is back at its root, with no open call left on any of its stacks.
+  void expectBackAtTheRoot() {
+    EXPECT_EQ(0, myThread->myCurrentFrameIndex);
+    EXPECT_EQ(0, myThread->myTracedCalls.size());
+    EXPECT_EQ(0, myThread->myEntryTimesNs.size());
+    EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
+  }
+
   ThreadInfo* myThread = nullptr;
 };
 

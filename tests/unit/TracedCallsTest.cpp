@@ -42,9 +42,7 @@ TEST_F(TracedCallsTest, CallsFromOneCallerToChangingCalleesLandOnTheirOwnPaths) 
     EXPECT_EQ(pathFrame({loop}), myThread->myCurrentFrameIndex);
   }
   methodExit(&myEnv, loop);
-  EXPECT_EQ(0, myThread->myCurrentFrameIndex);
-  EXPECT_EQ(0, myThread->myTracedCalls.size());
-  EXPECT_EQ(0, myThread->myEntryTimesNs.size());
+  expectBackAtTheRoot();
   EXPECT_EQ(1, countOn({loop}));
   EXPECT_EQ(4, countOn({loop, a}));
   EXPECT_EQ(3, countOn({loop, b}));

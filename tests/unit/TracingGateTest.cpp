@@ -94,10 +94,7 @@ TEST_F(LockFreeTracingTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsO
   rounds.join();
   EXPECT_TRUE(finishedWithoutTheLock);
 
-  EXPECT_EQ(0, myThread->myCurrentFrameIndex);
-  EXPECT_EQ(0, myThread->myTracedCalls.size());
-  EXPECT_EQ(0, myThread->myEntryTimesNs.size());
-  EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
+  expectBackAtTheRoot();
   EXPECT_EQ(100, countOn({loop}));
   EXPECT_EQ(200, countOn({loop, a}));
   EXPECT_EQ(100, countOn({loop, b}));
