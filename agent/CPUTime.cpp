@@ -211,11 +211,7 @@ bool sumTaskDirCPUTimeNs(jlong* totalNs) {
 
 jlong sumKnownThreadsCPUTimeNs() {
   jlong total = 0;
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      total += getThreadCPUTimeNs(static_cast<long>(ourAllThreadInfos._keys[i]->myThreadID));
-    }
-  }
+  forEachLiveThread([&](ThreadInfo* info) { total += getThreadCPUTimeNs(static_cast<long>(info->myThreadID)); });
   return total;
 }
 

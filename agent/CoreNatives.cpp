@@ -69,11 +69,7 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearAllocationData(JNIEnv*
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearCPUData(JNIEnv* env, jclass) {
   LockHolder holder(&ourLock, "CoreNatives(76)");
   TracingGate::Closure stillTracing;
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      ourAllThreadInfos._keys[i]->clearCPUAndJ2EEInfo();
-    }
-  }
+  forEachLiveThread([&](ThreadInfo* info) { info->clearCPUAndJ2EEInfo(); });
   ourOldestDeadThreads->clearCPUAndJ2EEInfo();
   clearTableAndNote(CPUPROFILING_TABLE_ID);
   clearTableAndNote(J2EE_TABLE_ID);

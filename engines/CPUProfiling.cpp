@@ -34,11 +34,7 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
   KString wallTimeText = wallTimeSpec == nullptr ? Filter::readWallTimeSpecFromFile(nullptr) : KString(wallTimeSpec);
   Filter::reloadFilters(filterText, wallTimeText);
   // The threads' callee caches hold method flags that may have just changed.
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      ourAllThreadInfos._keys[i]->myCallees.clear();
-    }
-  }
+  forEachLiveThread([&](ThreadInfo* info) { info->myCallees.clear(); });
   if ((mode & CPU_TIMES_BIT) == 0) {
     throwException(env, "(mode & ProfilingModes::CPU_TIMES_BIT) != 0", static_cast<int>(mode), 0);
     return 0;
@@ -77,11 +73,7 @@ void stopCPUProfiling(JNIEnv* env) {
   }
   check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
   if (ourLinuxFastThreadCPUTimeSupported) {
-    for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-      if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-        dropShadowStack(ourAllThreadInfos._keys[i], false);
-      }
-    }
+    forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
   ourStatus &= ~CPU_PROFILING;
   redefineCallback(env);

@@ -146,6 +146,16 @@ inline ThreadInfo* getCurrentThreadInfo() {
   return info != nullptr && ourVMInitCalled && !ourVMDeathCalled ? info : getThreadInfoJVMTI(nullptr);
 }
 
+// Calls 'action' with the ThreadInfo of every live thread. Caller holds ourLock.
+template <class Action>
+void forEachLiveThread(Action action) {
+  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
+    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
+      action(ourAllThreadInfos._keys[i]);
+    }
+  }
+}
+
 // Pseudo-thread "<Oldest dead threads>", heir of every folded dead thread.
 extern ThreadInfo* ourOldestDeadThreads;
 // Pseudo-thread "VM Start", which owns whatever happens before the live phase.

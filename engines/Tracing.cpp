@@ -193,10 +193,8 @@ inline bool enterKnownCallee(ThreadInfo* info, jint methodIndex) {
     info->myCurrentFrameIndex = callee->myFrame;
     callee->myRecord->count++;
     callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
-    // The clock last: the stores above are settled by the system call, and only one is left for
-    // the JVM's fence on the way back to Java to wait for.
-    info->myEntryTimesNs.push(0);
-    info->myEntryTimesNs.last() = probeClock(isWallTime);
+    // The clock last, so that the call's time holds as little of the probe as it can.
+    info->myEntryTimesNs.push(probeClock(isWallTime));
   }
   TracingGate::leave(info);
   return callee != nullptr;
@@ -300,16 +298,10 @@ inline bool exitTracedCall(ThreadInfo* info, jint methodIndex) {
   bool done = call != nullptr && call->myMethodIndex == methodIndex && call->myRecord != nullptr &&
               !info->myEntryTimesNs.isEmpty();
   if (done) {
-    // Everything that needs no clock before it, as at entry.
-    TracedCall ended = info->myTracedCalls.pop();
-    jlong entryTime = info->myEntryTimesNs.pop();
-    info->myCurrentFrameIndex = ended.myParentFrame;
-    if (ended.myIsWallTime) {
-      info->myNeedsWallTimeCorrection = true;
-    }
-    jlong delta = getTimeDeltaNs(probeClock(ended.myIsWallTime), entryTime, 1);
-    ended.myRecord->time += delta > 0 ? delta : 0;
-    ended.myRecord->myModificationStamp = ourDB->myModificationStamp;
+    jlong now = probeClock(call->myIsWallTime);
+    info->myCurrentFrameIndex = call->myParentFrame;
+    chargeCall(info, call->myRecord, call->myIsWallTime, now);
+    info->myTracedCalls.pop();
   }
   TracingGate::leave(info);
   return done;

@@ -53,11 +53,7 @@ TracingGate::Closure::Closure() {
   // a full barrier on this thread.
   long result = membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
   KASSERT_TEXT(result == 0, "membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0");
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      waitUntilOutside(ourAllThreadInfos._keys[i]);
-    }
-  }
+  forEachLiveThread([&](ThreadInfo* info) { waitUntilOutside(info); });
 }
 
 TracingGate::Closure::~Closure() {

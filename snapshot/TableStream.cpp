@@ -40,11 +40,7 @@ void refreshThreadNames(JNIEnv* env) {
 // raised before anyone reads the times.
 void correctWallTimes() {
   WallTimeCorrector corrector;
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      corrector.scheduleForCorrection(ourAllThreadInfos._keys[i]);
-    }
-  }
+  forEachLiveThread([&](ThreadInfo* info) { corrector.scheduleForCorrection(info); });
   if (ourOldestDeadThreads != nullptr) {
     corrector.scheduleForCorrection(ourOldestDeadThreads);
   }
@@ -61,15 +57,6 @@ void updateDerivedData(JNIEnv* env, jint tableMask) {
 }
 
 bool hasOpenTimedCalls() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
-
-template <class Action>
-void forEachLiveThread(Action action) {
-  for (jint i = 0; i < ourAllThreadInfos._capacity; i++) {
-    if (ourAllThreadInfos._states[i] == KMAP_FULL) {
-      action(ourAllThreadInfos._keys[i]);
-    }
-  }
-}
 
 }  // namespace
 

@@ -17,6 +17,7 @@
 #include "engines/Filter.h"
 #include "engines/KFrameStorage.h"
 #include "engines/KMethod.h"
+#include "engines/Tracing.h"
 
 // A JVM reduced to what the CPU engines ask of it: method names, the current thread's stack,
 // the stacks of all threads, thread-local storage and event switches.
@@ -103,6 +104,22 @@ class TracedThreadTest : public CPUEngineTest {
   jlong countOn(std::vector<jint> path) {
     CPUProfilingRecord* row = cpuRow(myThread, pathFrame(path));
     return row == nullptr ? -1 : row->count;
+  }
+
+  // One call of 'callee' from where the worker is: b calls a, lib calls the library method
+  // libInner, which calls back into a; other callees call nothing.
+  void traceCall(jint callee, jint a, jint b, jint lib, jint libInner) {
+    methodEntry(&myEnv, callee);
+    if (callee == lib) {
+      methodEntry(&myEnv, libInner);
+      methodEntry(&myEnv, a);
+      methodExit(&myEnv, a);
+      methodExit(&myEnv, libInner);
+    } else if (callee == b) {
+      methodEntry(&myEnv, a);
+      methodExit(&myEnv, a);
+    }
+    methodExit(&myEnv, callee);
   }
 
   // The worker is back at its root, with no open call left on any of its stacks.

@@ -28,17 +28,7 @@ TEST_F(TracedCallsTest, CallsFromOneCallerToChangingCalleesLandOnTheirOwnPaths) 
   // The callee changes, repeats, and comes back: each call must reach its own frame.
   const jint order[] = {a, a, b, a, b, b, lib, a};
   for (jint callee : order) {
-    methodEntry(&myEnv, callee);
-    if (callee == lib) {
-      methodEntry(&myEnv, libInner);
-      methodEntry(&myEnv, a);  // a callback from the library
-      methodExit(&myEnv, a);
-      methodExit(&myEnv, libInner);
-    } else if (callee == b) {
-      methodEntry(&myEnv, a);
-      methodExit(&myEnv, a);
-    }
-    methodExit(&myEnv, callee);
+    traceCall(callee, a, b, lib, libInner);
     EXPECT_EQ(pathFrame({loop}), myThread->myCurrentFrameIndex);
   }
   methodExit(&myEnv, loop);

@@ -36,17 +36,7 @@ class LockFreeTracingTest : public TracedThreadTest {
   void oneRound(jint loop, jint a, jint b, jint lib, jint libInner) {
     methodEntry(&myEnv, loop);
     for (jint callee : {a, b, a, lib}) {
-      methodEntry(&myEnv, callee);
-      if (callee == lib) {
-        methodEntry(&myEnv, libInner);  // collapsed into lib
-        methodEntry(&myEnv, a);         // a callback into the application
-        methodExit(&myEnv, a);
-        methodExit(&myEnv, libInner);
-      } else if (callee == b) {
-        methodEntry(&myEnv, a);
-        methodExit(&myEnv, a);
-      }
-      methodExit(&myEnv, callee);
+      traceCall(callee, a, b, lib, libInner);
     }
     methodExit(&myEnv, loop);
   }
