@@ -10,9 +10,11 @@
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
+#include "agent/VirtualThreads.h"
 #include "db/DB.h"
 #include "engines/AllocationEntry.h"
 #include "engines/ObjectEnumerator.h"
+#include "engines/ThreadInfo.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
 #include "engines/TracingGate.h"
@@ -137,9 +139,17 @@ jvmtiEnv* createTaggingEnvironment(JavaVM* vm) {
   return env;
 }
 
-void installEventCallbacks() {
-  jvmtiEventCallbacks callbacks;
-  memset(&callbacks, 0, sizeof(callbacks));
+// The callbacks of every event through virtual thread end, whatever headers the agent is built
+// with: a JVM takes as many of them as it knows.
+union AllEventCallbacks {
+  jvmtiEventCallbacks named;
+  jvmtiEventReserved bySlot[VirtualThreads::END_EVENT - JVMTI_MIN_EVENT_TYPE_VAL + 1];
+};
+
+void installEventCallbacks(bool withVirtualThreads) {
+  AllEventCallbacks all;
+  memset(&all, 0, sizeof(all));
+  jvmtiEventCallbacks& callbacks = all.named;
   callbacks.VMInit = vmInit;
   callbacks.VMDeath = vmDeath;
   callbacks.VMStart = vmStart;
@@ -155,7 +165,13 @@ void installEventCallbacks() {
   callbacks.ObjectFree = objectFree;
   // Switched on only while allocations are recorded.
   callbacks.VMObjectAlloc = vm_object_alloc_handler;
-  check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks))));
+  if (withVirtualThreads) {
+    all.bySlot[VirtualThreads::START_EVENT - JVMTI_MIN_EVENT_TYPE_VAL] =
+        reinterpret_cast<jvmtiEventReserved>(VirtualThreads::started);
+    all.bySlot[VirtualThreads::END_EVENT - JVMTI_MIN_EVENT_TYPE_VAL] =
+        reinterpret_cast<jvmtiEventReserved>(VirtualThreads::ended);
+  }
+  check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(all))));
 
   // Events of engines that are part of the library are switched on here too, in this order.
   const jvmtiEvent enabledAtLoad[] = {
@@ -234,7 +250,9 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
     return -1;
   }
   TracingGate::init();
-  installEventCallbacks();
+  bool seesVirtualThreads = ourHasVirtualThreads && VirtualThreads::addCapability(ourJVMTI);
+  installEventCallbacks(seesVirtualThreads);
+  ourTracksVirtualThreads = seesVirtualThreads && VirtualThreads::enableEvents(ourJVMTI);
   if (canInstrumentNativeMethods()) {
     check_JVMTI_error(ourJVMTI->SetNativeMethodPrefix(ourNativeMethodPrefix));
   }

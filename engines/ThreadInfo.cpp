@@ -110,7 +110,16 @@ void ThreadInfo::clearCPUAndJ2EEInfo() {
 // Mirrors the current thread's JVMTI slot; see setCurrentThreadInfo.
 __thread ThreadInfo* ourCurrentThreadInfo __attribute__((tls_model("initial-exec"))) = nullptr;
 
+bool ourTracksVirtualThreads = false;
+
 namespace {
+
+// The ThreadInfo of the platform thread itself, which the mirror returns to when a virtual
+// thread leaves it.
+__thread ThreadInfo* ourPlatformThreadInfo __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Whether a virtual thread is mounted on this platform thread.
+__thread bool ourRunsVirtualThread __attribute__((tls_model("initial-exec"))) = false;
 
 ThreadInfo* threadLocalStorage(jthread thread) {
   void* data = nullptr;
@@ -120,19 +129,34 @@ ThreadInfo* threadLocalStorage(jthread thread) {
   return static_cast<ThreadInfo*>(data);
 }
 
+// A virtual thread finds its own JVMTI slot, which the agent never fills, while a native
+// thread-local answers for its carrier. So the mirror serves only where the agent is told when
+// virtual threads come and go.
+bool isMirrorUsable() { return !ourHasVirtualThreads || ourTracksVirtualThreads; }
+
 }  // namespace
 
-// A virtual thread finds its own JVMTI slot, which the agent never fills, while a native
-// thread-local would give it its carrier's ThreadInfo; so where virtual threads exist the
-// mirror stays empty and every lookup asks the JVM.
-void setCurrentThreadInfo(ThreadInfo* info) { ourCurrentThreadInfo = ourHasVirtualThreads ? nullptr : info; }
+void setCurrentThreadInfo(ThreadInfo* info) {
+  ourPlatformThreadInfo = info;
+  ourCurrentThreadInfo = isMirrorUsable() ? info : nullptr;
+}
+
+void enterVirtualThread() {
+  ourRunsVirtualThread = true;
+  ourCurrentThreadInfo = nullptr;
+}
+
+void leaveVirtualThread() {
+  ourRunsVirtualThread = false;
+  ourCurrentThreadInfo = isMirrorUsable() ? ourPlatformThreadInfo : nullptr;
+}
 
 ThreadInfo* getThreadInfoJVMTI(jthread thread) {
   if (thread == nullptr && ourVMInitCalled && !ourVMDeathCalled) {
     // The slot of the current thread changes only in its own start and end events, which
     // update the mirror too; a thread whose start went unseen fills it here once.
     ThreadInfo* info = ourCurrentThreadInfo;
-    if (info == nullptr) {
+    if (info == nullptr && !ourRunsVirtualThread) {
       info = threadLocalStorage(nullptr);
       setCurrentThreadInfo(info);
     }

@@ -136,6 +136,19 @@ ThreadInfo* getThreadInfoJVMTI(jthread thread);
 // as much as the rest of a traced call. Whoever sets the slot of the current thread calls it.
 void setCurrentThreadInfo(ThreadInfo* info);
 
+// A virtual thread was mounted on this platform thread (started or resumed on it): until it
+// leaves, the current thread has no ThreadInfo, and the JVM isn't asked. Called from the JVM's
+// events for virtual threads, which come only where ourTracksVirtualThreads.
+void enterVirtualThread();
+
+// The virtual thread left this platform thread (ended or unmounted): the mirror answers for
+// the platform thread again.
+void leaveVirtualThread();
+
+// The agent receives the events that mount and unmount virtual threads, so the mirror can serve
+// where virtual threads exist.
+extern bool ourTracksVirtualThreads;
+
 // What setCurrentThreadInfo was last told on this thread. Not a TLS model that needs a call:
 // the probes read it twice per traced call.
 extern __thread ThreadInfo* ourCurrentThreadInfo __attribute__((tls_model("initial-exec")));

@@ -236,6 +236,26 @@ TEST_F(LockFreeTracingTest, TheCurrentThreadIsFoundWithoutAskingTheJVM) {
   EXPECT_EQ(myThread, getCurrentThreadInfo());
   myFake.currentThread = nullptr;
   EXPECT_EQ(nullptr, getCurrentThreadInfo());
+
+  // Told when virtual threads come and go, the mirror serves again. A mounted virtual thread has
+  // no ThreadInfo, whatever the carrier's slot holds, and leaving gives the carrier its own back.
+  ourTracksVirtualThreads = true;
+  setCurrentThreadInfo(myThread);
+  EXPECT_EQ(myThread, getCurrentThreadInfo());
+  myFake.currentThread = myThread;
+  enterVirtualThread();
+  EXPECT_EQ(nullptr, getCurrentThreadInfo());
+  EXPECT_EQ(nullptr, getThreadInfoJVMTI(nullptr));
+  myFake.currentThread = nullptr;
+  leaveVirtualThread();
+  EXPECT_EQ(myThread, getCurrentThreadInfo());
+  // A carrier whose own start went unseen looks its slot up once it runs its own code again.
+  setCurrentThreadInfo(nullptr);
+  enterVirtualThread();
+  leaveVirtualThread();
+  myFake.currentThread = myThread;
+  EXPECT_EQ(myThread, getCurrentThreadInfo());
+  ourTracksVirtualThreads = false;
   ourHasVirtualThreads = false;
 }
 

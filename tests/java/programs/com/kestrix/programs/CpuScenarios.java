@@ -2,6 +2,7 @@ package com.kestrix.programs;
 
 import com.kestrix.programs.lib.LibA;
 import java.lang.management.ManagementFactory;
+import java.lang.reflect.Method;
 import java.lang.management.ThreadMXBean;
 import java.net.InetAddress;
 import java.net.ServerSocket;
@@ -254,6 +255,49 @@ public class CpuScenarios {
         library.join();
     }
 
+    static final Object ourVirtualMonitor = new Object();
+
+    /**
+     * The counted loop of a virtual thread, which leaves its carrier often: it yields, sleeps
+     * while holding a monitor that the other virtual threads wait for, and parks.
+     */
+    static void virtualLoop(int times) {
+        try {
+            for (int i = 0; i < times; i++) {
+                tick();
+                if (i % 64 == 0) {
+                    Thread.yield();
+                }
+                if (i % 256 == 1) {
+                    synchronized (ourVirtualMonitor) {
+                        Thread.sleep(1);
+                    }
+                }
+                if (i % 256 == 2) {
+                    LockSupport.parkNanos(100_000);
+                }
+            }
+        } catch (InterruptedException e) {
+            throw new IllegalStateException(e);
+        }
+    }
+
+    /** Four virtual threads and then one platform thread run virtualLoop; needs Java 21. */
+    static void virtual(final int times) throws Exception {
+        Object builder = Thread.class.getMethod("ofVirtual").invoke(null);
+        Method start = Class.forName("java.lang.Thread$Builder").getMethod("start", Runnable.class);
+        List<Thread> threads = new ArrayList<>();
+        for (int t = 0; t < 4; t++) {
+            threads.add((Thread) start.invoke(builder, (Runnable) () -> virtualLoop(times)));
+        }
+        for (Thread thread : threads) {
+            thread.join();
+        }
+        Thread platform = new Thread(() -> virtualLoop(times), "platform");
+        platform.start();
+        platform.join();
+    }
+
     public static void main(String[] args) throws Exception {
         for (String arg : args) {
             int colon = arg.indexOf(':');
@@ -274,6 +318,9 @@ public class CpuScenarios {
                     break;
                 case "library":
                     library((int) figure);
+                    break;
+                case "virtual":
+                    virtual((int) figure);
                     break;
                 default:
                     throw new IllegalArgumentException("unknown scenario " + arg);

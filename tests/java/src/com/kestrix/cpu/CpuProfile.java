@@ -15,6 +15,7 @@ import java.util.HashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
 
@@ -138,6 +139,11 @@ final class CpuProfile {
             }
         }
         throw new AssertionError("the program printed no \"" + label + "\"\n" + run);
+    }
+
+    /** The names of the threads with CPU figures. */
+    Set<String> threads() {
+        return myNodesByThread.keySet();
     }
 
     List<Node> nodes(String thread) {
