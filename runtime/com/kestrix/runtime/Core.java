@@ -360,7 +360,7 @@ public final class Core {
             return;
         }
         try {
-            DataOutputStream out = new DataOutputStream(new BufferedOutputStream(socket.getOutputStream()));
+            DataOutputStream out = new DataOutputStream(new BufferedOutputStream(WriteDeadline.guard(socket)));
             try {
                 DataInputStream in = new DataInputStream(new BufferedInputStream(socket.getInputStream()));
                 try {

@@ -31,7 +31,7 @@ final class RequestProcessing {
      * holds the agent between its requests by choice and may pause there, polling for new
      * data every few seconds, say; only a sequence silent for far longer than any such pause
      * is taken for a client that hung or lost its network. Writes have no such limit in
-     * java.net; a client that stops reading a long answer still holds the listener.
+     * java.net; WriteDeadline gives them the request limit for each piece.
      */
     /** Limit, in ms, for a request outside a sequence, and for the payload of any request. */
     static int ourRequestTimeoutMs = 60 * 1000;

@@ -12,6 +12,7 @@ import java.io.DataInputStream;
 import java.io.DataOutputStream;
 import java.io.EOFException;
 import java.io.IOException;
+import java.io.OutputStream;
 import java.net.InetAddress;
 import java.net.ServerSocket;
 import java.net.Socket;
@@ -28,6 +29,7 @@ import java.util.zip.Deflater;
 import java.util.zip.Inflater;
 
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.Timeout;
 
 /** The parts of request handling that need no agent behind them. */
 class RequestProcessingTest {
@@ -259,6 +261,58 @@ class RequestProcessingTest {
         } finally {
             RequestProcessing.ourRequestTimeoutMs = requestTimeout;
             RequestProcessing.ourSequenceIdleTimeoutMs = idleTimeout;
+        }
+    }
+
+    @Test
+    @Timeout(120)
+    void aClientThatStopsReadingIsCutOffAndASlowOneIsNot() throws Exception {
+        int requestTimeout = RequestProcessing.ourRequestTimeoutMs;
+        InetAddress loopback = InetAddress.getLoopbackAddress();
+        try (ServerSocket server = new ServerSocket(0, 50, loopback)) {
+            // Far more than the socket buffers hold, and the client takes none of it.
+            RequestProcessing.ourRequestTimeoutMs = 400;
+            try (Socket client = new Socket(loopback, server.getLocalPort()); Socket agentSide = server.accept()) {
+                OutputStream out = WriteDeadline.guard(agentSide);
+                byte[] block = new byte[1 << 20];
+                long start = System.nanoTime();
+                IOException e = assertThrows(IOException.class, () -> {
+                    for (int i = 0; i < 256; i++) {
+                        out.write(block);
+                    }
+                });
+                long waited = (System.nanoTime() - start) / 1_000_000;
+                assertTrue(waited >= 400 && waited < 10_000, "gave up after " + waited + " ms");
+                assertEquals("the client took nothing for 400 ms", e.getMessage());
+                assertTrue(agentSide.isClosed());
+            }
+
+            // A client that reads in small bites with pauses takes longer than the limit in all,
+            // but never leaves one piece waiting that long: it gets everything.
+            RequestProcessing.ourRequestTimeoutMs = 2000;
+            try (Socket client = new Socket(loopback, server.getLocalPort()); Socket agentSide = server.accept()) {
+                ExecutorService reader = Executors.newSingleThreadExecutor();
+                Future<Long> received = reader.submit(() -> {
+                    byte[] bite = new byte[64 * 1024];
+                    long total = 0;
+                    for (int n; (n = client.getInputStream().read(bite)) != -1; ) {
+                        total += n;
+                        Thread.sleep(20);
+                    }
+                    return total;
+                });
+                long start = System.nanoTime();
+                // One write of it all, as a large block goes through a buffered stream.
+                OutputStream out = WriteDeadline.guard(agentSide);
+                out.write(new byte[16 << 20]);
+                out.close();
+                long took = (System.nanoTime() - start) / 1_000_000;
+                assertEquals(16L << 20, received.get(60, TimeUnit.SECONDS));
+                assertTrue(took > 2000, "the client read too fast to show anything: " + took + " ms");
+                reader.shutdown();
+            }
+        } finally {
+            RequestProcessing.ourRequestTimeoutMs = requestTimeout;
         }
     }
 
