@@ -9,22 +9,42 @@ namespace {
 const char MOUNT_EVENT_ID[] = "com.sun.hotspot.events.VirtualThreadMount";
 const char UNMOUNT_EVENT_ID[] = "com.sun.hotspot.events.VirtualThreadUnmount";
 
-// Bit number (from the first byte's lowest bit) of the last capability the headers name.
-int lastNamedCapabilityBit() {
+// The capability's bit follows can_generate_sampled_object_alloc_events, the last one that
+// JDK 17's headers name; counted from the first byte's lowest bit.
+int capabilityBit() {
   jvmtiCapabilities marker;
   memset(&marker, 0, sizeof(marker));
   marker.can_generate_sampled_object_alloc_events = 1;
   const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&marker);
-  for (size_t i = 0; i < sizeof(marker); i++) {
-    if (bytes[i] != 0) {
-      return static_cast<int>(i) * 8 + __builtin_ctz(bytes[i]);
-    }
+  size_t i = 0;
+  while (bytes[i] == 0) {
+    i++;
   }
-  return -1;
+  return static_cast<int>(i) * 8 + __builtin_ctz(bytes[i]) + 1;
 }
 
-void freeExtensionEvents(jvmtiEnv* jvmti, jint count, jvmtiExtensionEventInfo* events) {
+unsigned char* capabilityByte(jvmtiCapabilities* capabilities) {
+  return reinterpret_cast<unsigned char*>(capabilities) + capabilityBit() / 8;
+}
+
+unsigned char capabilityMask() { return static_cast<unsigned char>(1u << (capabilityBit() % 8)); }
+
+// The JVM's indices of the mount and unmount extension events; -1 for one it doesn't have.
+void findMountEvents(jvmtiEnv* jvmti, jint* mount, jint* unmount) {
+  *mount = -1;
+  *unmount = -1;
+  jint count = 0;
+  jvmtiExtensionEventInfo* events = nullptr;
+  if (jvmti->GetExtensionEvents(&count, &events) != JVMTI_ERROR_NONE) {
+    return;
+  }
   for (jint i = 0; i < count; i++) {
+    if (events[i].id != nullptr && strcmp(events[i].id, MOUNT_EVENT_ID) == 0) {
+      *mount = events[i].extension_event_index;
+    }
+    if (events[i].id != nullptr && strcmp(events[i].id, UNMOUNT_EVENT_ID) == 0) {
+      *unmount = events[i].extension_event_index;
+    }
     for (jint p = 0; p < events[i].param_count; p++) {
       jvmti->Deallocate(reinterpret_cast<unsigned char*>(events[i].params[p].name));
     }
@@ -35,50 +55,25 @@ void freeExtensionEvents(jvmtiEnv* jvmti, jint count, jvmtiExtensionEventInfo* e
   jvmti->Deallocate(reinterpret_cast<unsigned char*>(events));
 }
 
-// The JVM's index of the extension event with this id, or -1.
-jint findExtensionEvent(jvmtiEnv* jvmti, const char* id) {
-  jint count = 0;
-  jvmtiExtensionEventInfo* events = nullptr;
-  if (jvmti->GetExtensionEvents(&count, &events) != JVMTI_ERROR_NONE) {
-    return -1;
-  }
-  jint index = -1;
-  for (jint i = 0; i < count; i++) {
-    if (events[i].id != nullptr && strcmp(events[i].id, id) == 0) {
-      index = events[i].extension_event_index;
-    }
-  }
-  freeExtensionEvents(jvmti, count, events);
-  return index;
-}
-
 }  // namespace
-
-void VirtualThreads::setCapabilityBit(jvmtiCapabilities* capabilities) {
-  int bit = lastNamedCapabilityBit() + 1;
-  reinterpret_cast<unsigned char*>(capabilities)[bit / 8] |= static_cast<unsigned char>(1u << (bit % 8));
-}
-
-bool VirtualThreads::hasCapabilityBit(const jvmtiCapabilities& capabilities) {
-  int bit = lastNamedCapabilityBit() + 1;
-  return (reinterpret_cast<const unsigned char*>(&capabilities)[bit / 8] >> (bit % 8) & 1) != 0;
-}
 
 bool VirtualThreads::addCapability(jvmtiEnv* jvmti) {
   jvmtiCapabilities potential;
   memset(&potential, 0, sizeof(potential));
-  if (jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE || !hasCapabilityBit(potential)) {
+  if (jvmti->GetPotentialCapabilities(&potential) != JVMTI_ERROR_NONE ||
+      (*capabilityByte(&potential) & capabilityMask()) == 0) {
     return false;
   }
   jvmtiCapabilities wanted;
   memset(&wanted, 0, sizeof(wanted));
-  setCapabilityBit(&wanted);
+  *capabilityByte(&wanted) |= capabilityMask();
   return jvmti->AddCapabilities(&wanted) == JVMTI_ERROR_NONE;
 }
 
 bool VirtualThreads::enableEvents(jvmtiEnv* jvmti) {
-  jint mount = findExtensionEvent(jvmti, MOUNT_EVENT_ID);
-  jint unmount = findExtensionEvent(jvmti, UNMOUNT_EVENT_ID);
+  jint mount;
+  jint unmount;
+  findMountEvents(jvmti, &mount, &unmount);
   if (mount < 0 || unmount < 0) {
     return false;
   }

@@ -17,10 +17,6 @@ class VirtualThreads {
   // own so that a refusal leaves the other capabilities alone. Only while the agent loads.
   static bool addCapability(jvmtiEnv* jvmti);
 
-  // Sets the capability's bit, which follows can_generate_sampled_object_alloc_events.
-  static void setCapabilityBit(jvmtiCapabilities* capabilities);
-  static bool hasCapabilityBit(const jvmtiCapabilities& capabilities);
-
   // After addCapability succeeded and the start and end callbacks are installed: switches on
   // the start and end events and the mount and unmount extension events. Enables either all or
   // none of them; true when all.
