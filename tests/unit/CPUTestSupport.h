@@ -106,18 +106,31 @@ class TracedThreadTest : public CPUEngineTest {
     return row == nullptr ? -1 : row->count;
   }
 
+  // The methods of a call pattern: app.L's loop, a and b, and the library methods lib.X.x and
+  // lib.X.y, with lib.* as the filter.
+  struct CallPattern {
+    jint loop, a, b, lib, libInner;
+  };
+
+  CallPattern makeCallPattern() {
+    Filter::reloadFilters(KString("lib.*"), KString(""));
+    return {indexOf(myFake.method("Lapp/L;", "loop")), indexOf(myFake.method("Lapp/L;", "a")),
+            indexOf(myFake.method("Lapp/L;", "b")), indexOf(myFake.method("Llib/X;", "x")),
+            indexOf(myFake.method("Llib/X;", "y"))};
+  }
+
   // One call of 'callee' from where the worker is: b calls a, lib calls the library method
   // libInner, which calls back into a; other callees call nothing.
-  void traceCall(jint callee, jint a, jint b, jint lib, jint libInner) {
+  void traceCall(jint callee, const CallPattern& p) {
     methodEntry(&myEnv, callee);
-    if (callee == lib) {
-      methodEntry(&myEnv, libInner);
-      methodEntry(&myEnv, a);
-      methodExit(&myEnv, a);
-      methodExit(&myEnv, libInner);
-    } else if (callee == b) {
-      methodEntry(&myEnv, a);
-      methodExit(&myEnv, a);
+    if (callee == p.lib) {
+      methodEntry(&myEnv, p.libInner);
+      methodEntry(&myEnv, p.a);
+      methodExit(&myEnv, p.a);
+      methodExit(&myEnv, p.libInner);
+    } else if (callee == p.b) {
+      methodEntry(&myEnv, p.a);
+      methodExit(&myEnv, p.a);
     }
     methodExit(&myEnv, callee);
   }

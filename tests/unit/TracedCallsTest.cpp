@@ -18,17 +18,13 @@ namespace {
 class TracedCallsTest : public TracedThreadTest {};
 
 TEST_F(TracedCallsTest, CallsFromOneCallerToChangingCalleesLandOnTheirOwnPaths) {
-  Filter::reloadFilters(KString("lib.*"), KString(""));
-  jint loop = indexOf(myFake.method("Lapp/L;", "loop"));
-  jint a = indexOf(myFake.method("Lapp/L;", "a"));
-  jint b = indexOf(myFake.method("Lapp/L;", "b"));
-  jint lib = indexOf(myFake.method("Llib/X;", "x"));
-  jint libInner = indexOf(myFake.method("Llib/X;", "y"));
+  CallPattern p = makeCallPattern();
+  jint loop = p.loop, a = p.a, b = p.b, lib = p.lib, libInner = p.libInner;
   methodEntry(&myEnv, loop);
   // The callee changes, repeats, and comes back: each call must reach its own frame.
   const jint order[] = {a, a, b, a, b, b, lib, a};
   for (jint callee : order) {
-    traceCall(callee, a, b, lib, libInner);
+    traceCall(callee, p);
     EXPECT_EQ(pathFrame({loop}), myThread->myCurrentFrameIndex);
   }
   methodExit(&myEnv, loop);

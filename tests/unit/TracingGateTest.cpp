@@ -33,24 +33,20 @@ class LockFreeTracingTest : public TracedThreadTest {
   }
 
   // One round of calls from 'loop': changing callees, a library call with a callback, nesting.
-  void oneRound(jint loop, jint a, jint b, jint lib, jint libInner) {
-    methodEntry(&myEnv, loop);
-    for (jint callee : {a, b, a, lib}) {
-      traceCall(callee, a, b, lib, libInner);
+  void oneRound(const CallPattern& p) {
+    methodEntry(&myEnv, p.loop);
+    for (jint callee : {p.a, p.b, p.a, p.lib}) {
+      traceCall(callee, p);
     }
-    methodExit(&myEnv, loop);
+    methodExit(&myEnv, p.loop);
   }
 };
 
 TEST_F(LockFreeTracingTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsOurLock) {
-  Filter::reloadFilters(KString("lib.*"), KString(""));
-  jint loop = indexOf(myFake.method("Lapp/L;", "loop"));
-  jint a = indexOf(myFake.method("Lapp/L;", "a"));
-  jint b = indexOf(myFake.method("Lapp/L;", "b"));
-  jint lib = indexOf(myFake.method("Llib/X;", "x"));
-  jint libInner = indexOf(myFake.method("Llib/X;", "y"));
+  CallPattern p = makeCallPattern();
+  jint loop = p.loop, a = p.a, b = p.b, lib = p.lib, libInner = p.libInner;
   // The first round makes the frames and rows, under ourLock.
-  oneRound(loop, a, b, lib, libInner);
+  oneRound(p);
 
   // Every later call is one the thread knows: a thread that holds ourLock meanwhile holds up
   // nothing. Were any of them to take the lock, the rounds would wait for it and time out.
@@ -70,7 +66,7 @@ TEST_F(LockFreeTracingTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsO
   std::thread rounds([&] {
     setCurrentThreadInfo(myThread);
     for (int i = 0; i < 99; i++) {
-      oneRound(loop, a, b, lib, libInner);
+      oneRound(p);
     }
     done = true;
   });

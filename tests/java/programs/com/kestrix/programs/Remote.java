@@ -8,42 +8,13 @@ import java.util.List;
 /**
  * A program that waits to be driven, for tests that work on a running agent. It reads commands
  * from standard input, one a line, and answers each with "done <command>" on standard output:
- * "burn MS" spends MS milliseconds of CPU time in burn(), called from Burner.run() on a thread
- * named "hot"; "grow PERCENT" keeps allocating until the used heap reaches PERCENT of the maximum
- * and holds on to it; "exit" or the end of input ends the program.
+ * "burn MS" spends MS milliseconds of CPU time in HotLoop.burn(), called from
+ * HotLoop.Burner.run() on a thread named "hot"; "grow PERCENT" keeps allocating until the used
+ * heap reaches PERCENT of the maximum and holds on to it; "exit" or the end of input ends the
+ * program.
  */
 public class Remote {
-    static volatile long ourSink;
     static final List<byte[]> ourHeld = new ArrayList<byte[]>();
-
-    static final class Burner extends Thread {
-        private final long myMillis;
-
-        Burner(long millis) {
-            super("hot");
-            myMillis = millis;
-        }
-
-        @Override
-        public void run() {
-            java.lang.management.ThreadMXBean bean = java.lang.management.ManagementFactory.getThreadMXBean();
-            long end = bean.getCurrentThreadCpuTime() + myMillis * 1000000L;
-            // The clock is a native call, and a sampler sees a thread in native code at once
-            // while one in compiled code must first reach a safepoint: asking it seldom keeps
-            // the samples where the time goes.
-            while (bean.getCurrentThreadCpuTime() < end) {
-                ourSink += burn(20000000);
-            }
-        }
-    }
-
-    static long burn(int rounds) {
-        long x = 17;
-        for (int i = 0; i < rounds; i++) {
-            x = x * 6364136223846793005L + 1442695040888963407L;
-        }
-        return x;
-    }
 
     static void grow(int percent) throws InterruptedException {
         Runtime runtime = Runtime.getRuntime();
@@ -68,7 +39,7 @@ public class Remote {
             if (words[0].equals("exit")) {
                 break;
             } else if (words[0].equals("burn")) {
-                Burner burner = new Burner(Long.parseLong(words[1]));
+                HotLoop.Burner burner = new HotLoop.Burner(Long.parseLong(words[1]));
                 burner.start();
                 burner.join();
             } else if (words[0].equals("grow")) {

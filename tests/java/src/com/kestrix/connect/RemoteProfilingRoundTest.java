@@ -57,7 +57,7 @@ class RemoteProfilingRoundTest {
             String report = report(local);
             String firstHotSpot = report.substring(report.indexOf("Hot spots by own time")).lines().skip(2)
                     .findFirst().orElse("");
-            assertTrue(firstHotSpot.endsWith("  com.kestrix.programs.Remote.burn(int)"), report);
+            assertTrue(firstHotSpot.endsWith("  com.kestrix.programs.HotLoop.burn(int)"), report);
             assertTrue(report.contains("\nCPU       " + mode), report);
 
             assertEquals("CPU profiling stopped\n", agent.kjpOk("stop-cpu"));
