@@ -5,18 +5,16 @@
 
 #include "agent/CPUTime.h"
 #include "agent/CallbackJar.h"
-#include "agent/ClassEvents.h"
+#include "agent/EngineEvents.h"
 #include "agent/LifecycleEvents.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
 #include "agent/VirtualThreads.h"
 #include "db/DB.h"
-#include "engines/AllocationEntry.h"
+#include "engines/Engine.h"
 #include "engines/ObjectEnumerator.h"
 #include "engines/ThreadInfo.h"
-#include "engines/CPUProfiling.h"
-#include "engines/Tracing.h"
 #include "engines/TracingGate.h"
 #include "instrument/CallbackPatcher.h"
 #include "instrument/ClassLoadHook.h"
@@ -95,19 +93,15 @@ void detectJVM() {
   }
 }
 
-// The capabilities of the main environment. A debugger in the same JVM conflicts with
-// suspension, and on JRockit also with local variable access, so those are left out then.
+// The capabilities of the main environment: those of class instrumentation here, and the
+// engines' own. A debugger in the same JVM conflicts with suspension, and on JRockit also with
+// local variable access, so those are left out then.
 void addCapabilitiesOrFail(bool* notAvailable) {
   jvmtiCapabilities capabilities;
   memset(&capabilities, 0, sizeof(capabilities));
-  capabilities.can_tag_objects = 1;
-  capabilities.can_get_monitor_info = 1;
   capabilities.can_redefine_classes = 1;
-  capabilities.can_generate_exception_events = 1;
   capabilities.can_generate_all_class_hook_events = 1;
-  capabilities.can_generate_monitor_events = 1;
-  capabilities.can_generate_vm_object_alloc_events = 1;
-  capabilities.can_generate_object_free_events = 1;
+  addEngineCapabilities(&capabilities);
   if (!(ourIsJRockit && ourOptions.myWithDebugger)) {
     capabilities.can_access_local_variables = 1;
   }
@@ -155,16 +149,10 @@ void installEventCallbacks(bool withVirtualThreads) {
   callbacks.VMStart = vmStart;
   callbacks.ThreadStart = threadStart;
   callbacks.ThreadEnd = threadEnd;
-  callbacks.Exception = exception;
   callbacks.ClassFileLoadHook = class_file_load_hook_handler;
   // Mode changes switch the probes by redefining the callback class that the hook prepared.
   ourRedefineCallback = redefineCallback;
-  callbacks.ClassLoad = class_alloc_handler;
-  callbacks.ClassPrepare = classPrepare;
-  callbacks.ExceptionCatch = exception_catch;
-  callbacks.ObjectFree = objectFree;
-  // Switched on only while allocations are recorded.
-  callbacks.VMObjectAlloc = vm_object_alloc_handler;
+  setEngineEventHandlers(&callbacks);
   if (withVirtualThreads) {
     all.bySlot[VirtualThreads::START_EVENT - JVMTI_MIN_EVENT_TYPE_VAL] =
         reinterpret_cast<jvmtiEventReserved>(VirtualThreads::started);
@@ -173,16 +161,15 @@ void installEventCallbacks(bool withVirtualThreads) {
   }
   check_JVMTI_error(ourJVMTI->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(all))));
 
-  // Events of engines that are part of the library are switched on here too, in this order.
   const jvmtiEvent enabledAtLoad[] = {
       JVMTI_EVENT_VM_INIT,    JVMTI_EVENT_VM_START,     JVMTI_EVENT_VM_DEATH,
       JVMTI_EVENT_CLASS_FILE_LOAD_HOOK,
-      JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH, JVMTI_EVENT_OBJECT_FREE,
       JVMTI_EVENT_THREAD_END, JVMTI_EVENT_THREAD_START,
   };
   for (jvmtiEvent event : enabledAtLoad) {
     check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, event, nullptr));
   }
+  enableEngineEventsAtLoad(ourJVMTI);
 }
 
 void reportStart() {

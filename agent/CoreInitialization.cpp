@@ -6,6 +6,7 @@
 
 #include "agent/CoreNatives.h"
 #include "agent/EmbeddedClasses.h"
+#include "agent/EngineEvents.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
@@ -104,6 +105,7 @@ void initializeCore(JNIEnv* env) {
   env->DeleteLocalRef(core);
   registerNatives(env, ourCoreNativeMethods, ourCoreNativeMethodCount);
   registerNatives(env, ourCoreSocketNativeMethods, ourCoreSocketNativeMethodCount);
+  registerEngineCoreNatives(env, ourClassCoreGlobalRef);
 
   if (!callCoreInit(env)) {
     exit(-1);  // Core.init has said why

@@ -4,85 +4,43 @@
 
 #include "agent/CPUTime.h"
 #include "agent/CoreInitialization.h"
-#include "agent/CoreNatives.h"
+#include "agent/EngineEvents.h"
 #include "agent/JNIRedirection.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
-#include "agent/Options.h"
-#include "engines/AllocationEntry.h"
-#include "engines/CPUProfiling.h"
 #include "engines/DeadThreadFolder.h"
-#include "engines/Sampling.h"
+#include "engines/Engine.h"
 #include "engines/ThreadInfo.h"
-#include "engines/Tracing.h"
 #include "snapshot/OOMESnapshotDetector.h"
-
-void reportStartResult(int code, const char* okText, const char* failText) {
-  if (ourOptions.myQuiet) {
-    return;
-  }
-  if (code == 0) {
-    fprintf(stderr, KJP_LOG_PREFIX "%s\n", okText);
-  } else {
-    fprintf(stderr, KJP_LOG_PREFIX "%s: error code = %d\n", failText, code);
-  }
-  fflush(stderr);
-}
-
-jthread createAgentThread(JNIEnv* env, const char* name) {
-  jclass threadClass = env->FindClass("java/lang/Thread");
-  assertJNI(env);
-  jmethodID constructor = env->GetMethodID(threadClass, "<init>", "(Ljava/lang/String;)V");
-  assertJNI(env);
-  jstring threadName = env->NewStringUTF(name);
-  assertJNI(env);
-  jthread thread = env->NewObject(threadClass, constructor, threadName);
-  assertJNI(env);
-  env->DeleteLocalRef(threadName);
-  env->DeleteLocalRef(threadClass);
-  return thread;
-}
 
 void JNICALL vmStart(jvmtiEnv* jvmti, JNIEnv* env) {
   ourVMStartCalled = true;
   redirectJNIFunctions();
   // The callback class is on the boot class path from Agent_OnLoad on; resolving it here makes
-  // a broken jar fail at start-up, not at the first probe. Its natives are registered as the
-  // engines that implement them are part of the library.
+  // a broken jar fail at start-up, not at the first probe. Each engine registers the natives
+  // its probes reach.
   jclass callbackClass = env->FindClass("com/kestrix/runtime/Callback");
   assertJNI(env);
   KASSERT_TEXT(callbackClass != nullptr, "callbackClass");
-  const JNINativeMethod callbackNatives[] = {
-      {const_cast<char*>("kjpInit0"), const_cast<char*>("(Ljava/lang/Object;I)I"),
-       reinterpret_cast<void*>(Java_com_kestrix_runtime_Callback_kjpInit0)},
-      {const_cast<char*>("kjpMethodEntry0"), const_cast<char*>("(SS)V"),
-       reinterpret_cast<void*>(Java_com_kestrix_runtime_Callback_kjpMethodEntry0)},
-      {const_cast<char*>("kjpMethodExit0"), const_cast<char*>("(SS)V"),
-       reinterpret_cast<void*>(Java_com_kestrix_runtime_Callback_kjpMethodExit0)},
-  };
-  jint registered = env->RegisterNatives(callbackClass, callbackNatives,
-                                         static_cast<jint>(sizeof(callbackNatives) / sizeof(callbackNatives[0])));
-  KASSERT_TEXT(registered == 0, "RegisterNatives");
+  registerEngineCallbackNatives(env, callbackClass);
   env->DeleteLocalRef(callbackClass);
 }
 
 void JNICALL vmInit(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
   // Measurements asked for on the command line start before the Java runtime exists, so they
   // also cover its start-up.
-  if (ourOptions.myAllocAtStart) {
-    jint result = Java_com_kestrix_runtime_Core_startAllocationRecording(
-        env, nullptr, ourOptions.myRecordEachEnabled, ourOptions.myRecordEach, ourOptions.mySizeLimitEnabled,
-        ourOptions.mySizeLimit);
-    reportStartResult(result, "Allocations recording is started", "Cannot start allocations recording");
-  }
-  startCPUProfilingFromCommandLine(env);
-  if (ourOptions.myMonitors) {
-    jint result = Java_com_kestrix_runtime_Core_startMonitorProfiling(env, nullptr);
-    reportStartResult(result, "Monitor profiling is started", "Cannot start monitor profiling");
-  }
+  forEachEngine([&](const Engine& engine) {
+    if (engine.startFromOptions != nullptr) {
+      engine.startFromOptions(env);
+    }
+  });
   initializeCore(env);
-  startSamplerThread(env);
+  forEachEngine([&](const Engine& engine) {
+    if (engine.startThreads != nullptr) {
+      engine.startThreads(env);
+    }
+  });
   startOOMESnapshotDetector(env);
   ourVMInitCalled = true;
 }

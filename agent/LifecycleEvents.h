@@ -11,10 +11,4 @@ void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env);
 void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
 void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread);
 
-// Prints the outcome of starting a measurement, unless quiet.
-void reportStartResult(int code, const char* okText, const char* failText);
-
-// A java.lang.Thread object for JVMTI RunAgentThread.
-jthread createAgentThread(JNIEnv* env, const char* name);
-
 #endif

@@ -23,7 +23,6 @@ ClassFile::ClassFile(DataInput& in)
       mySuperClass(0),
       myInterfaceCount(0),
       myInterfaces(nullptr),
-      myCanBeJ2EEClass(false),
       myConstantPool(10),
       myFields(10),
       myMethods(10),
@@ -69,8 +68,6 @@ void ClassFile::read(DataInput& in) {
   if (myMajorVersion == FIRST_STACK_MAP_VERSION) {
     myMajorVersion = TYPE_INFERENCE_VERSION;
   }
-  myCanBeJ2EEClass = false;
-
   int constantPoolCount = in.readUnsignedShort();
   if (constantPoolCount == 0) {
     throw ClassFormatError("a constant pool count of 0");
@@ -123,14 +120,7 @@ void ClassFile::read(DataInput& in) {
 
   int methodCount = in.readUnsignedShort();
   for (int i = 0; i < methodCount; i++) {
-    MethodInfo* method = new MethodInfo(in, myConstantPool);
-    myMethods.push(method);
-    if (!myCanBeJ2EEClass) {
-      myCanBeJ2EEClass = method->getJ2EEInstrumentationType() != 0;
-    }
-  }
-  if ((myAccessFlags & ACC_INTERFACE) != 0) {
-    myCanBeJ2EEClass = false;
+    myMethods.push(new MethodInfo(in, myConstantPool));
   }
 
   AttributeInfoReader::readAll(in, myConstantPool, myAttributes);

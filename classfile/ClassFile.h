@@ -36,15 +36,13 @@ class ClassFile {
   KVector<ConstantPoolInfo*>& getConstantPool() { return myConstantPool; }
   const KVector<ConstantPoolInfo*>& getConstantPool() const { return myConstantPool; }
   KVector<MethodInfo*>& getMethods() { return myMethods; }
+  const KVector<MethodInfo*>& getMethods() const { return myMethods; }
   const KVector<FieldInfo*>& getFields() const { return myFields; }
   const KVector<AttributeInfo*>& getAttributes() const { return myAttributes; }
   int getAccessFlags() const { return myAccessFlags; }
   int getMajorVersion() const { return myMajorVersion; }
   int getMinorVersion() const { return myMinorVersion; }
   int getThisClass() const { return myThisClass; }
-  // Whether some method of this class, not an interface, has the name and descriptor of a
-  // J2EE catalogue entry: a first filter only, the supertypes are checked at run time.
-  bool canBeJ2EEClass() const { return myCanBeJ2EEClass; }
 
   // This class's name in internal form ("java/lang/String").
   const KString& getSignature() const;
@@ -91,7 +89,6 @@ class ClassFile {
   int mySuperClass;
   int myInterfaceCount;
   int* myInterfaces;
-  bool myCanBeJ2EEClass;
   KVector<ConstantPoolInfo*> myConstantPool;
   KVector<FieldInfo*> myFields;
   KVector<MethodInfo*> myMethods;

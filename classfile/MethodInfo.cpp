@@ -2,7 +2,6 @@
 
 #include "classfile/ClassFormatError.h"
 #include "classfile/CodeAttribute.h"
-#include "instrument/J2EEHelper.h"
 
 namespace {
 
@@ -19,27 +18,18 @@ MethodInfo::MethodInfo(DataInput& in, KVector<ConstantPoolInfo*>& pool)
     : myAccessFlags(in.readUnsignedShort()),
       myNameIndex(in.readUnsignedShort()),
       myDescriptorIndex(in.readUnsignedShort()),
-      myJ2EEInstrumentationType(0),
-      myJ2EEMethodType(0),
       myAttributes(4),
       myConstantPool(&pool) {
   if (!isUtf8(pool, myNameIndex) || !isUtf8(pool, myDescriptorIndex)) {
     throw ClassFormatError("a method's name or descriptor is not a string constant");
   }
   AttributeInfoReader::readAll(in, pool, myAttributes);
-  const J2EEMethod* entry = J2EEHelper::find(getName().get(), getDescriptor().get());
-  if (entry != nullptr) {
-    myJ2EEInstrumentationType = entry->getJ2EEInstrumentationType();
-    myJ2EEMethodType = entry->getJ2EEMethodType();
-  }
 }
 
 MethodInfo::MethodInfo(int accessFlags, int nameIndex, int descriptorIndex, KVector<ConstantPoolInfo*>& pool)
     : myAccessFlags(accessFlags),
       myNameIndex(nameIndex),
       myDescriptorIndex(descriptorIndex),
-      myJ2EEInstrumentationType(0),
-      myJ2EEMethodType(0),
       myAttributes(4),
       myConstantPool(&pool) {
   KASSERT(accessFlags >= 0);

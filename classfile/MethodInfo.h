@@ -31,9 +31,6 @@ class MethodInfo {
   void setAbstract() { myAccessFlags |= ACC_ABSTRACT; }
   void makeNotNative() { myAccessFlags &= ~ACC_NATIVE; }
 
-  int getJ2EEInstrumentationType() const { return myJ2EEInstrumentationType; }
-  int getJ2EEMethodType() const { return myJ2EEMethodType; }
-
   const KVector<AttributeInfo*>& getAttributes() const { return myAttributes; }
   // The first Code attribute, or null for an abstract or native method.
   CodeAttribute* getCodeAttribute() const;
@@ -49,8 +46,6 @@ class MethodInfo {
   int myAccessFlags;
   int myNameIndex;
   int myDescriptorIndex;
-  int myJ2EEInstrumentationType;
-  int myJ2EEMethodType;
   KVector<AttributeInfo*> myAttributes;
   KVector<ConstantPoolInfo*>* myConstantPool;  // borrowed from the ClassFile
 };

@@ -4,31 +4,22 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
 #include "agent/KString.h"
-#include "agent/LifecycleEvents.h"
 #include "agent/Options.h"
+#include "agent/StartReport.h"
+#include "db/DB.h"
 #include "engines/Filter.h"
+#include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
 #include "engines/TracingGate.h"
+#include "engines/WallTimeCorrector.h"
 #include "snapshot/SnapshotFile.h"
-
-void (*ourRedefineCallback)(JNIEnv* env) = nullptr;
-
-namespace {
-
-void redefineCallback(JNIEnv* env) {
-  if (ourRedefineCallback != nullptr) {
-    ourRedefineCallback(env);
-  }
-}
-
-}  // namespace
 
 jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, const char* wallTimeSpec) {
   LockHolder holder(&ourLock, "CPUProfiling(30)");
   TracingGate::Closure stillTracing;
   if ((ourStatus & CPU_TIMES_BIT) != 0) {
-    return 3;
+    return ERRORCODE_ALREADY_STARTED;
   }
   KString filterText(filters == nullptr ? "" : filters);
   KString wallTimeText = wallTimeSpec == nullptr ? Filter::readWallTimeSpecFromFile(nullptr) : KString(wallTimeSpec);
@@ -47,7 +38,7 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
   ourContainsInvocations = (ourStatus & CPU_COUNTS_BIT) != 0;
   if ((mode & CPU_COUNTS_BIT) != 0) {
     check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, nullptr));
-    redefineCallback(env);
+    redefineCallbackAfterStatusChange(env);
   }
   return 0;
 }
@@ -76,7 +67,7 @@ void stopCPUProfiling(JNIEnv* env) {
     forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
   ourStatus &= ~CPU_PROFILING;
-  redefineCallback(env);
+  redefineCallbackAfterStatusChange(env);
 }
 
 jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE) {
@@ -97,3 +88,67 @@ void startCPUProfilingFromCommandLine(JNIEnv* env) {
   jint result = startCPUProfilingWithSpecs(env, mode, filters.get(), wallTimeSpec.get());
   reportStartResult(result, "CPU profiling is started", "Cannot start CPU profiling");
 }
+
+extern "C" {
+
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearCPUData(JNIEnv*, jclass) {
+  LockHolder holder(&ourLock, "CPUProfiling(103)");
+  TracingGate::Closure stillTracing;
+  forEachLiveThread([&](ThreadInfo* info) { info->clearCPUAndJ2EEInfo(); });
+  ourOldestDeadThreads->clearCPUAndJ2EEInfo();
+  clearTableAndNote(CPUPROFILING_TABLE_ID);
+  clearTableAndNote(J2EE_TABLE_ID);
+}
+
+JNIEXPORT jint JNICALL Java_com_kestrix_runtime_Core_startCPUProfiling(JNIEnv* env, jclass, jlong mode,
+                                                                      jstring filters, jstring wallTimeSpec) {
+  return startCPUProfiling(env, mode, filters, wallTimeSpec);
+}
+
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_stopCPUProfiling(JNIEnv* env, jclass) { stopCPUProfiling(env); }
+
+}  // extern "C"
+
+namespace {
+
+void addCapabilities(jvmtiCapabilities* capabilities) {
+  // Tracing hears of throws, which unwind frames past their exit probes.
+  capabilities->can_generate_exception_events = 1;
+}
+
+void setEventHandlers(jvmtiEventCallbacks* callbacks) {
+  // Switched on only while calls are counted.
+  callbacks->Exception = exception;
+}
+
+const JNINativeMethod CORE_NATIVES[] = {
+    nativeRow("clearCPUData", "()V", Java_com_kestrix_runtime_Core_clearCPUData),
+    nativeRow("startCPUProfiling", "(JLjava/lang/String;Ljava/lang/String;)I",
+              Java_com_kestrix_runtime_Core_startCPUProfiling),
+    nativeRow("stopCPUProfiling", "()V", Java_com_kestrix_runtime_Core_stopCPUProfiling),
+};
+
+const JNINativeMethod CALLBACK_NATIVES[] = {
+    nativeRow("kjpMethodEntry0", "(SS)V", Java_com_kestrix_runtime_Callback_kjpMethodEntry0),
+    nativeRow("kjpMethodExit0", "(SS)V", Java_com_kestrix_runtime_Callback_kjpMethodExit0),
+};
+
+// The mark that asks for a wall-time correction goes with the ThreadInfo, and writeTables
+// corrects only live threads and the folded ones, so a thread that ends after a wall-timed
+// call is corrected now or its callers stay below it.
+void threadEnded(ThreadInfo* info) { WallTimeCorrector::correctThread(info); }
+
+}  // namespace
+
+const Engine ourCPUEngine = {
+    "cpu",
+    addCapabilities,
+    setEventHandlers,
+    EventList{nullptr, 0},
+    startCPUProfilingFromCommandLine,
+    startSamplerThread,
+    nativeList(CORE_NATIVES),
+    nativeList(CALLBACK_NATIVES),
+    threadEnded,
+    nullptr,
+};

@@ -3,6 +3,11 @@
 
 #include <jni.h>
 
+#include "engines/Engine.h"
+
+// The CPU engine: tracing and sampling, their start, stop and clear, and its Core natives.
+extern const Engine ourCPUEngine;
+
 // Starting and stopping CPU profiling. The runtime's Core natives and vmInit call these; the
 // mode is a set of the CPU bits of ourStatus (times, counts, j2ee).
 
@@ -25,9 +30,11 @@ void startCPUProfilingFromCommandLine(JNIEnv* env);
 // The mode bits for the command-line options; 0 when no CPU mode was asked for.
 jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE);
 
-// Switches the probes of the callback class on or off after a change of mode. Set by class
-// instrumentation, which owns the callback class; while it is null, a mode change only
-// changes ourStatus, which the probes also check.
-extern void (*ourRedefineCallback)(JNIEnv* env);
+extern "C" {
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearCPUData(JNIEnv* env, jclass);
+JNIEXPORT jint JNICALL Java_com_kestrix_runtime_Core_startCPUProfiling(JNIEnv* env, jclass, jlong mode,
+                                                                      jstring filters, jstring wallTimeSpec);
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_stopCPUProfiling(JNIEnv* env, jclass);
+}
 
 #endif

@@ -6,10 +6,9 @@
 #include "agent/KSet.h"
 #include "db/DB.h"
 #include "db/StringPool.h"
-#include "engines/J2EEIndex.h"
+#include "engines/Engine.h"
 #include "engines/ThreadFrameIndex.h"
 #include "engines/ThreadInfo.h"
-#include "engines/WallTimeCorrector.h"
 
 jint DeadThreadFolder::ourFirstDeadNumberToMerge = 0;
 jint DeadThreadFolder::ourThreadEndCount = 0;
@@ -25,10 +24,11 @@ void DeadThreadFolder::threadEnded(ThreadInfo* info) {
   }
 
   if (info != nullptr) {
-    // The mark that asks for a wall-time correction goes with the ThreadInfo, and writeTables
-    // corrects only live threads and the folded ones, so a thread that ends after a wall-timed
-    // call is corrected now or its callers stay below it.
-    WallTimeCorrector::correctThread(info);
+    forEachEngine([&](const Engine& engine) {
+      if (engine.threadEnded != nullptr) {
+        engine.threadEnded(info);
+      }
+    });
     ourDeadThreadRunningNumbers.push(info->myRunningNumber);
     ourAllThreadInfos.remove(info);
     delete info;
@@ -55,11 +55,12 @@ jint DeadThreadFolder::foldDeadThreads() {
     return 0;
   }
 
-  // Engines that keep per-thread rows of their own fold them first, in this order:
-  //   Exceptions::mergeExceptionUsage(&folded)   -- exception telemetry, when it lands
-  //   Monitors::mergeMonitorUsage(&folded)       -- monitor profiling, when it lands
-  //   J2EEIndex::mergeJ2EEIndex(&folded)
-  ourDB->myJ2EEIndex->mergeJ2EEIndex(&folded);
+  // Engines that keep per-thread rows of their own fold them first.
+  forEachEngine([&](const Engine& engine) {
+    if (engine.foldThreads != nullptr) {
+      engine.foldThreads(&folded);
+    }
+  });
 
   DB* db = ourDB;
   db->myThreadTable->forEachStampedRecord([&](jint, ThreadRecord* record) {

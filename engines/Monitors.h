@@ -3,7 +3,11 @@
 
 #include <jni.h>
 
+#include "engines/Engine.h"
+
 // Monitor profiling: how long threads block on Java monitors and wait in Object.wait.
+extern const Engine ourMonitorEngine;
+
 namespace Monitors {
 
 // getTimeNs() when recording last began or its data was last cleared; 0 if it never began.
@@ -14,11 +18,22 @@ extern volatile jlong ourMonitorRecordingStartNs;
 extern volatile jlong ourMonitorRecordingLastNs;
 
 // Whether the four monitor events (contended enter and entered, wait and waited) have their
-// handlers in the agent's event callbacks. Set by whoever installs them, before VM Init; while
-// it is false, starting and stopping monitor profiling only changes the status bit and the
-// times, since an event without a handler must not be switched on.
+// handlers among the engine's event handlers. While it is false, starting and stopping
+// monitor profiling only changes the status bit and the times, since an event without a
+// handler must not be switched on.
 extern bool ourMonitorEventHandlersInstalled;
 
+// Starts monitor profiling: ERRORCODE_OK, or ERRORCODE_ALREADY_STARTED when it runs. Takes ourLock.
+jint start();
+// Stops it; nothing happens when it doesn't run. Takes ourLock.
+void stop();
+
 }  // namespace Monitors
+
+extern "C" {
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearMonitorData(JNIEnv* env, jclass);
+JNIEXPORT jint JNICALL Java_com_kestrix_runtime_Core_startMonitorProfiling(JNIEnv* env, jclass);
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_stopMonitorProfiling(JNIEnv* env, jclass);
+}
 
 #endif

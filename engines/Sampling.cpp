@@ -6,7 +6,7 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
-#include "agent/LifecycleEvents.h"
+#include "agent/AgentThread.h"
 #include "agent/Options.h"
 #include "db/DB.h"
 #include "engines/KFrameStorage.h"

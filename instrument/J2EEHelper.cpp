@@ -3,6 +3,8 @@
 #include <stdlib.h>
 
 #include "agent/KAssert.h"
+#include "classfile/ClassFile.h"
+#include "classfile/MethodInfo.h"
 
 KSet<const J2EEMethod*> J2EEHelper::ourAllMethods(256);
 KSet<const char*> J2EEHelper::ourAllInterfaceNames(64);
@@ -164,4 +166,21 @@ const J2EEMethod* J2EEHelper::find(const char* name, const char* descriptor) {
   J2EEMethod key = J2EEMethod::borrowed(name, descriptor);
   jint index = ourAllMethods.get_index(&key);
   return index < 0 ? nullptr : ourAllMethods._keys[index];
+}
+
+const J2EEMethod* J2EEHelper::find(const MethodInfo* method) {
+  return find(method->getName().get(), method->getDescriptor().get());
+}
+
+bool J2EEHelper::canBeJ2EEClass(const ClassFile& classFile) {
+  if ((classFile.getAccessFlags() & ClassFile::ACC_INTERFACE) != 0) {
+    return false;
+  }
+  const KVector<MethodInfo*>& methods = classFile.getMethods();
+  for (int i = 0; i < methods.size(); i++) {
+    if (find(methods[i]) != nullptr) {
+      return true;
+    }
+  }
+  return false;
 }

@@ -6,6 +6,9 @@
 #include "agent/KSet.h"
 #include "instrument/J2EEMethod.h"
 
+class ClassFile;
+class MethodInfo;
+
 // The J2EE catalogue: the JDBC, servlet, JSP and JNDI methods that are reported as J2EE
 // events. A method of a class being read is matched by name and descriptor alone; whether
 // its class really implements one of the interfaces is decided at run time.
@@ -26,6 +29,11 @@ class J2EEHelper {
 
   // The catalogue entry with this name and descriptor, or null.
   static const J2EEMethod* find(const char* name, const char* descriptor);
+  static const J2EEMethod* find(const MethodInfo* method);
+
+  // Whether some method of this class, not an interface, has the name and descriptor of a
+  // catalogue entry: a first filter only, the supertypes are checked at run time.
+  static bool canBeJ2EEClass(const ClassFile& classFile);
 
   // Whether the class is one of the catalogue's interfaces or implements one, directly, through
   // its interfaces' supertypes or through a superclass. Asks the JVM, through ourJVMTI, about

@@ -6,7 +6,7 @@
 
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
-#include "agent/LifecycleEvents.h"
+#include "agent/AgentThread.h"
 #include "agent/Options.h"
 #include "snapshot/SnapshotCapture.h"
 

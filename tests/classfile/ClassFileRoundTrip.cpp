@@ -23,6 +23,7 @@
 #include "classfile/CodeAttribute.h"
 #include "classfile/StackMap.h"
 #include "classfile/StackMapTableAttribute.h"
+#include "instrument/J2EEHelper.h"
 #include "tests/classfile/ClassCorpus.h"
 #include "tests/classfile/StackMapStripper.h"
 
@@ -122,7 +123,7 @@ std::string roundTrip(const std::string& name, const std::vector<uint8_t>& bytes
   totals.bytesOut += output.size();
   int major = bytes.size() >= 8 ? (bytes[6] << 8 | bytes[7]) : 0;
   totals.byVersion[major < 100 ? major : 99]++;
-  if (classFile->canBeJ2EEClass()) totals.j2eeCandidates++;
+  if (J2EEHelper::canBeJ2EEClass(*classFile)) totals.j2eeCandidates++;
 
   std::string problem;
   std::vector<uint8_t> got = toStd(output);

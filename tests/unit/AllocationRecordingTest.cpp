@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "CPUTestSupport.h"
-#include "agent/ClassEvents.h"
+#include "engines/AllocationRecording.h"
 #include "engines/AllocationEntry.h"
 #include "engines/ObjectEnumerator.h"
 

@@ -128,21 +128,6 @@ TEST(ClassFileModel, ReferencesResolveToClassNameAndDescriptor) {
   EXPECT_STREQ("java/util/ArrayList", ref->getClassSignature(flow.getConstantPool()));
 }
 
-TEST(ClassFileModel, J2EECandidateFlag) {
-  // close()V is in the catalogue: a class with it is a candidate, and the method carries
-  // the catalogue's types.
-  ParsedClass flow = parse(readTestClass("v7/kjptest/Flow7.class"));
-  EXPECT_TRUE(flow.model->canBeJ2EEClass());
-  MethodInfo* close = flow.model->findMethod("close", "()V");
-  ASSERT_NE(nullptr, close);
-  EXPECT_EQ(4, close->getJ2EEInstrumentationType());
-  EXPECT_EQ(1, close->getJ2EEMethodType());
-  EXPECT_EQ(0, flow.model->findMethod("loop", "(IJDLjava/lang/Object;[I)I")->getJ2EEInstrumentationType());
-  // An interface never is, whatever its methods.
-  EXPECT_FALSE(parse(readTestClass("v7/kjptest/Closeable7.class")).model->canBeJ2EEClass());
-  EXPECT_FALSE(parse(readTestClass("v17/kjptest/Modern17.class")).model->canBeJ2EEClass());
-}
-
 TEST(ClassFileModel, FindOrCreateReusesEntriesAndAppendsMissingOnes) {
   std::vector<uint8_t> bytes = readTestClass("v7/kjptest/Flow7.class");
   ParsedClass parsed = parse(bytes);

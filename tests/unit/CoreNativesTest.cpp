@@ -11,7 +11,7 @@
 #include "agent/CoreInitialization.h"
 #include "agent/CoreNatives.h"
 #include "agent/JNIRedirection.h"
-#include "engines/AllocationEntry.h"
+#include "engines/AllocationRecording.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Monitors.h"
 
@@ -226,52 +226,6 @@ TEST_F(CoreNativesTest, TelemetryRecordWithoutStackTelemetryHasNoThreadStates) {
   EXPECT_EQ(static_cast<jint>(ourUptimeProvider.getUptimeMs() / 100), record->myValues[TELE_UPTIME_DS]);
   EXPECT_EQ(100, ourDB->myPropertyTable->getRecord(0, true)->myValue);
   EXPECT_EQ(3, ourDB->myPropertyTable->getRecord(2, true)->myValue);
-}
-
-TEST(CoreNativeTableTest, RegistersEveryNativeOfCoreOnceWithItsSignature) {
-  const char* expected[][2] = {
-      {"addSnapshotInfo", "(Ljava/lang/String;J)V"},
-      {"captureSnapshot", "(Ljava/lang/String;IJ)Ljava/lang/String;"},
-      {"clearAllocationData", "()V"},
-      {"clearCPUData", "()V"},
-      {"clearExceptions", "()V"},
-      {"clearMonitorData", "()V"},
-      {"createMarker", "(II)V"},
-      {"disableStackTelemetry", "()V"},
-      {"enableStackTelemetry", "()V"},
-      {"findSnapshot", "(Ljava/lang/String;)Z"},
-      {"getAllocationRecordingSettingsRecordEach", "()I"},
-      {"getAllocationRecordingSettingsRecordEachEnabled", "()Z"},
-      {"getAllocationRecordingSettingsSizeLimit", "()I"},
-      {"getAllocationRecordingSettingsSizeLimitEnabled", "()Z"},
-      {"getDatabaseStatistics", "()Ljava/lang/String;"},
-      {"getHostID", "()Ljava/lang/String;"},
-      {"getProcessCPUTimeNs", "()J"},
-      {"getStatus", "()J"},
-      {"getUptimeMs", "()J"},
-      {"markMemory", "(ILjava/lang/String;)V"},
-      {"setProperty", "(Ljava/lang/String;Ljava/lang/String;)V"},
-      {"startAllocationRecording", "(ZIZI)I"},
-      {"startCPUProfiling", "(JLjava/lang/String;Ljava/lang/String;)I"},
-      {"startMonitorProfiling", "()I"},
-      {"stopAllocationRecording", "()V"},
-      {"stopCPUProfiling", "()V"},
-      {"stopMonitorProfiling", "()V"},
-      {"storeTelemetryRecord", "([I[I)V"},
-      {"writeTables", "(II[I)V"},
-  };
-  ASSERT_EQ(29, ourCoreNativeMethodCount);
-  std::set<void*> functions;
-  for (int i = 0; i < 29; i++) {
-    EXPECT_STREQ(expected[i][0], ourCoreNativeMethods[i].name);
-    EXPECT_STREQ(expected[i][1], ourCoreNativeMethods[i].signature);
-    EXPECT_NE(nullptr, ourCoreNativeMethods[i].fnPtr);
-    functions.insert(ourCoreNativeMethods[i].fnPtr);
-  }
-  EXPECT_EQ(29u, functions.size()) << "each native has a function of its own";
-  ASSERT_EQ(1, ourCoreSocketNativeMethodCount);
-  EXPECT_STREQ("getSocketFD", ourCoreSocketNativeMethods[0].name);
-  EXPECT_STREQ("(Ljava/net/Socket;)I", ourCoreSocketNativeMethods[0].signature);
 }
 
 TEST(ExitSnapshotFlagsTest, WantedForOnexitOptionsAndRunningMeasurementsWithHeapForAllocations) {

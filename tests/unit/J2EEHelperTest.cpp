@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "classfile/ClassFile.h"
 #include "instrument/J2EEHelper.h"
+#include "tests/unit/ClassFileTestSupport.h"
+
+using namespace kjptest;
 
 TEST(J2EEHelper, CatalogueIsFilledAtLoadAndMatchesByNameAndDescriptor) {
   // 86 rows, of which two repeat a method under a second interface.
@@ -36,4 +40,19 @@ TEST(J2EEHelper, KeysHashLikeJavaStrings) {
   const J2EEMethod* b = &other;
   EXPECT_TRUE(kmap_equal(a, b));
   EXPECT_EQ(kmap_hashCode(a), kmap_hashCode(b));
+}
+
+TEST(J2EEHelper, CandidateClassesAreFoundByTheMethodsOfTheClassModel) {
+  // close()V is in the catalogue: a class with it is a candidate, and the catalogue gives the
+  // method its types.
+  ParsedClass flow = parse(readTestClass("v7/kjptest/Flow7.class"));
+  EXPECT_TRUE(J2EEHelper::canBeJ2EEClass(*flow.model));
+  const J2EEMethod* close = J2EEHelper::find(flow.model->findMethod("close", "()V"));
+  ASSERT_NE(nullptr, close);
+  EXPECT_EQ(4, close->getJ2EEInstrumentationType());
+  EXPECT_EQ(1, close->getJ2EEMethodType());
+  EXPECT_EQ(nullptr, J2EEHelper::find(flow.model->findMethod("loop", "(IJDLjava/lang/Object;[I)I")));
+  // An interface never is, whatever its methods.
+  EXPECT_FALSE(J2EEHelper::canBeJ2EEClass(*parse(readTestClass("v7/kjptest/Closeable7.class")).model));
+  EXPECT_FALSE(J2EEHelper::canBeJ2EEClass(*parse(readTestClass("v17/kjptest/Modern17.class")).model));
 }

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "CPUTestSupport.h"
-#include "agent/CoreNatives.h"
+#include "engines/CPUProfiling.h"
 #include "engines/DeadThreadFolder.h"
 #include "engines/ThreadFrameIndex.h"
 #include "engines/Tracing.h"

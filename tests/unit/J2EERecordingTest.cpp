@@ -3,7 +3,8 @@
 #include <vector>
 
 #include "CPUTestSupport.h"
-#include "agent/ClassEvents.h"
+#include "agent/EngineEvents.h"
+#include "engines/J2EERecording.h"
 #include "instrument/J2EEHelper.h"
 
 namespace {
@@ -135,16 +136,23 @@ TEST_F(ClassEventsTest, PreparedClassesImplementingCatalogueInterfacesAreMarkedO
   FakeClass* impl = declare("Lcom/acme/Stmt;", false, {prepared}, object);
   FakeClass* unrelated = declare("Lcom/acme/Other;", false, {}, object);
 
-  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(prepared));  // an interface: never marked
-  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(unrelated));
-  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(prepared));  // an interface: never marked
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(unrelated));
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(impl));
   ASSERT_EQ(1u, ourJ2EETags.size());
   EXPECT_EQ(reinterpret_cast<jobject>(impl), ourJ2EETags[0].first);
   EXPECT_EQ(1, ourJ2EETags[0].second);
 
+  // The ClassPrepare that the agent installs reaches the mark too, beside the allocation count.
+  jvmtiEventCallbacks callbacks;
+  memset(&callbacks, 0, sizeof(callbacks));
+  setEngineEventHandlers(&callbacks);
+  callbacks.ClassPrepare(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  EXPECT_EQ(2u, ourJ2EETags.size());
+
   // Without the environment the class is prepared all the same, unmarked.
   ourJVMTI6 = nullptr;
-  classPrepare(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(impl));
   EXPECT_EQ(1u, ourJ2EETags.size());
 }
 

@@ -1,17 +1,16 @@
-#include "agent/ClassEvents.h"
+#include "engines/J2EERecording.h"
 
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
-#include "engines/AllocationEntry.h"
+#include "db/DB.h"
+#include "engines/J2EEIndex.h"
 #include "engines/KFrameStorage.h"
-#include "engines/ObjectEnumerator.h"
 #include "engines/ThreadInfo.h"
 #include "instrument/J2EEHelper.h"
 
-void JNICALL classPrepare(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jclass klass) {
-  class_alloc_handler(jvmti, env, thread, klass);
+void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
   jboolean isInterface = JNI_FALSE;
   check_JVMTI_error(ourJVMTI->IsInterface(klass, &isInterface));
   // An interface has no bodies for the J2EE probes to run in, so it is never marked.
@@ -20,14 +19,6 @@ void JNICALL classPrepare(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jclass k
   }
   if (J2EEHelper::isClassImplementsSQLInterfaces(env, klass) && ourJVMTI6 != nullptr) {
     check_JVMTI_error(ourJVMTI6->SetTag(klass, 1));
-  }
-}
-
-void JNICALL objectFree(jvmtiEnv*, jlong tag) {
-  // Objects that were never recorded but got a generation mark carry 0 in the low half.
-  jint pureTag = getAllocatorRowOfTag(tag);
-  if (tag != 0 && pureTag > 0) {
-    ourObjectEnumerator->return_tag_to_pool(pureTag);
   }
 }
 
@@ -71,9 +62,39 @@ void JNICALL exception_catch(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocati
   if (info == nullptr) {
     return;
   }
-  LockHolder holder(&ourLock, "JVMTI_Agent(702)");
+  LockHolder holder(&ourLock, "J2EERecording(66)");
   if ((ourStatus & CPU_J2EE_BIT) != 0) {
     trimUnwoundJ2EECalls(env, info);
   }
-  // The exception telemetry engine is told of the catch here once it is part of the library.
 }
+
+namespace {
+
+void addCapabilities(jvmtiCapabilities* capabilities) {
+  capabilities->can_tag_objects = 1;
+  capabilities->can_generate_exception_events = 1;
+}
+
+void setEventHandlers(jvmtiEventCallbacks* callbacks) {
+  callbacks->ClassPrepare = markJ2EEClass;
+  callbacks->ExceptionCatch = exception_catch;
+}
+
+const jvmtiEvent EVENTS_AT_LOAD[] = {JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH};
+
+void foldThreads(KSet<jint>* folded) { ourDB->myJ2EEIndex->mergeJ2EEIndex(folded); }
+
+}  // namespace
+
+const Engine ourJ2EEEngine = {
+    "j2ee",
+    addCapabilities,
+    setEventHandlers,
+    eventList(EVENTS_AT_LOAD),
+    nullptr,
+    nullptr,
+    NativeList{nullptr, 0},
+    NativeList{nullptr, 0},
+    nullptr,
+    foldThreads,
+};

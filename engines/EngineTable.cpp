@@ -1,0 +1,32 @@
+// The engines of the library. A new engine is its own files and one row here.
+#include "db/DB.h"
+#include "engines/AllocationRecording.h"
+#include "engines/CPUProfiling.h"
+#include "engines/Engine.h"
+#include "engines/Exceptions.h"
+#include "engines/J2EERecording.h"
+#include "engines/Monitors.h"
+
+// Allocations first, then CPU, then monitors: the options start them at VM Init in this
+// order, and a class's preparation is counted as an allocation before it is checked for J2EE.
+const Engine* const ourEngines[] = {
+    &ourAllocationEngine,
+    &ourCPUEngine,
+    &ourJ2EEEngine,
+    &ourMonitorEngine,
+    &ourExceptionEngine,
+};
+const int ourEngineCount = static_cast<int>(sizeof(ourEngines) / sizeof(ourEngines[0]));
+
+void (*ourRedefineCallback)(JNIEnv* env) = nullptr;
+
+void redefineCallbackAfterStatusChange(JNIEnv* env) {
+  if (ourRedefineCallback != nullptr) {
+    ourRedefineCallback(env);
+  }
+}
+
+void clearTableAndNote(jint tableID) {
+  ourDB->getTable(tableID)->clearTable();
+  ourDB->noteTableCleared(tableID);
+}

@@ -1,0 +1,137 @@
+// The engine table as the entry points see it: every Core and Callback native registered once,
+// the capabilities and events the engines ask for, and events that several engines handle.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "agent/CoreNatives.h"
+#include "agent/EngineEvents.h"
+#include "engines/AllocationRecording.h"
+#include "engines/Engine.h"
+#include "engines/J2EERecording.h"
+#include "engines/Tracing.h"
+
+namespace {
+
+// name -> signature of every native that the agent registers on a class, failing on a name
+// registered twice.
+std::map<std::string, std::string> collect(std::initializer_list<NativeList> lists) {
+  std::map<std::string, std::string> natives;
+  for (const NativeList& list : lists) {
+    for (jint i = 0; i < list.myCount; i++) {
+      EXPECT_NE(nullptr, list.myMethods[i].fnPtr) << list.myMethods[i].name;
+      bool added = natives.emplace(list.myMethods[i].name, list.myMethods[i].signature).second;
+      EXPECT_TRUE(added) << list.myMethods[i].name << " is registered twice";
+    }
+  }
+  return natives;
+}
+
+std::map<std::string, std::string> coreNatives() {
+  std::map<std::string, std::string> natives =
+      collect({NativeList{ourCoreNativeMethods, ourCoreNativeMethodCount},
+               NativeList{ourCoreSocketNativeMethods, ourCoreSocketNativeMethodCount}});
+  forEachEngine([&](const Engine& engine) {
+    for (auto& row : collect({engine.myCoreNatives})) {
+      EXPECT_TRUE(natives.insert(row).second) << row.first << " is registered twice";
+    }
+  });
+  return natives;
+}
+
+}  // namespace
+
+TEST(EngineTableTest, EveryNativeOfCoreAndCallbackIsRegisteredOnceWithItsSignature) {
+  std::map<std::string, std::string> expected = {
+      {"addSnapshotInfo", "(Ljava/lang/String;J)V"},
+      {"captureSnapshot", "(Ljava/lang/String;IJ)Ljava/lang/String;"},
+      {"clearAllocationData", "()V"},
+      {"clearCPUData", "()V"},
+      {"clearExceptions", "()V"},
+      {"clearMonitorData", "()V"},
+      {"createMarker", "(II)V"},
+      {"disableStackTelemetry", "()V"},
+      {"enableStackTelemetry", "()V"},
+      {"findSnapshot", "(Ljava/lang/String;)Z"},
+      {"getAllocationRecordingSettingsRecordEach", "()I"},
+      {"getAllocationRecordingSettingsRecordEachEnabled", "()Z"},
+      {"getAllocationRecordingSettingsSizeLimit", "()I"},
+      {"getAllocationRecordingSettingsSizeLimitEnabled", "()Z"},
+      {"getDatabaseStatistics", "()Ljava/lang/String;"},
+      {"getHostID", "()Ljava/lang/String;"},
+      {"getProcessCPUTimeNs", "()J"},
+      {"getSocketFD", "(Ljava/net/Socket;)I"},
+      {"getStatus", "()J"},
+      {"getUptimeMs", "()J"},
+      {"markMemory", "(ILjava/lang/String;)V"},
+      {"setProperty", "(Ljava/lang/String;Ljava/lang/String;)V"},
+      {"startAllocationRecording", "(ZIZI)I"},
+      {"startCPUProfiling", "(JLjava/lang/String;Ljava/lang/String;)I"},
+      {"startMonitorProfiling", "()I"},
+      {"stopAllocationRecording", "()V"},
+      {"stopCPUProfiling", "()V"},
+      {"stopMonitorProfiling", "()V"},
+      {"storeTelemetryRecord", "([I[I)V"},
+      {"writeTables", "(II[I)V"},
+  };
+  EXPECT_EQ(expected, coreNatives());
+
+  std::map<std::string, std::string> callback;
+  forEachEngine([&](const Engine& engine) {
+    for (auto& row : collect({engine.myCallbackNatives})) {
+      EXPECT_TRUE(callback.insert(row).second) << row.first << " is registered twice";
+    }
+  });
+  std::map<std::string, std::string> expectedCallback = {
+      {"kjpInit0", "(Ljava/lang/Object;I)I"},
+      {"kjpMethodEntry0", "(SS)V"},
+      {"kjpMethodExit0", "(SS)V"},
+  };
+  EXPECT_EQ(expectedCallback, callback);
+}
+
+TEST(EngineTableTest, EnginesAskForTheirCapabilitiesAndEventsAtLoad) {
+  jvmtiCapabilities capabilities;
+  memset(&capabilities, 0, sizeof(capabilities));
+  addEngineCapabilities(&capabilities);
+  EXPECT_EQ(1u, capabilities.can_tag_objects);
+  EXPECT_EQ(1u, capabilities.can_generate_vm_object_alloc_events);
+  EXPECT_EQ(1u, capabilities.can_generate_object_free_events);
+  EXPECT_EQ(1u, capabilities.can_generate_exception_events);
+  EXPECT_EQ(1u, capabilities.can_generate_monitor_events);
+  EXPECT_EQ(1u, capabilities.can_get_monitor_info);
+  // Class instrumentation asks for its own; no engine needs them.
+  EXPECT_EQ(0u, capabilities.can_redefine_classes);
+  EXPECT_EQ(0u, capabilities.can_generate_all_class_hook_events);
+
+  std::set<int> atLoad;
+  forEachEngine([&](const Engine& engine) {
+    for (jint i = 0; i < engine.myEventsAtLoad.myCount; i++) {
+      atLoad.insert(engine.myEventsAtLoad.myEvents[i]);
+    }
+  });
+  std::set<int> expected = {JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH,
+                            JVMTI_EVENT_OBJECT_FREE};
+  EXPECT_EQ(expected, atLoad);
+}
+
+TEST(EngineTableTest, AnEventOfOneEngineGoesStraightToItsHandlerAndOneOfSeveralToADispatcher) {
+  jvmtiEventCallbacks callbacks;
+  memset(&callbacks, 0, sizeof(callbacks));
+  setEngineEventHandlers(&callbacks);
+  EXPECT_EQ(&class_alloc_handler, callbacks.ClassLoad);
+  EXPECT_EQ(&vm_object_alloc_handler, callbacks.VMObjectAlloc);
+  EXPECT_EQ(&objectFree, callbacks.ObjectFree);
+  EXPECT_EQ(&exception, callbacks.Exception);
+  EXPECT_EQ(&exception_catch, callbacks.ExceptionCatch);
+  // Allocations and J2EE both want prepared classes.
+  EXPECT_NE(nullptr, callbacks.ClassPrepare);
+  EXPECT_NE(&class_alloc_handler, callbacks.ClassPrepare);
+  EXPECT_NE(&markJ2EEClass, callbacks.ClassPrepare);
+  // Nothing outside the engines' events is touched.
+  EXPECT_EQ(nullptr, callbacks.VMInit);
+  EXPECT_EQ(nullptr, callbacks.ThreadEnd);
+  EXPECT_EQ(nullptr, callbacks.ClassFileLoadHook);
+}
