@@ -152,4 +152,5 @@ const Engine ourAllocationEngine = {
     nativeList(CALLBACK_NATIVES),
     nullptr,
     nullptr,
+    nullptr,
 };

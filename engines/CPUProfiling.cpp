@@ -138,6 +138,20 @@ const JNINativeMethod CALLBACK_NATIVES[] = {
 // call is corrected now or its callers stay below it.
 void threadEnded(ThreadInfo* info) { WallTimeCorrector::correctThread(info); }
 
+// A wall-timed method can leave its CPU-timed callers smaller than itself; the callers are
+// raised before anyone reads the times.
+void beforeTablesWritten(JNIEnv*, jint tableMask) {
+  if ((tableMask & (1 << CPUPROFILING_TABLE_ID)) == 0) {
+    return;
+  }
+  WallTimeCorrector corrector;
+  forEachLiveThread([&](ThreadInfo* info) { corrector.scheduleForCorrection(info); });
+  if (ourOldestDeadThreads != nullptr) {
+    corrector.scheduleForCorrection(ourOldestDeadThreads);
+  }
+  corrector.correctWallTimes();
+}
+
 }  // namespace
 
 const Engine ourCPUEngine = {
@@ -151,4 +165,5 @@ const Engine ourCPUEngine = {
     nativeList(CALLBACK_NATIVES),
     threadEnded,
     nullptr,
+    beforeTablesWritten,
 };

@@ -75,6 +75,11 @@ struct Engine {
   // pseudo-thread of the oldest dead threads: per-thread rows of the engine move there.
   // Caller holds ourLock.
   void (*foldThreads)(KSet<jint>* folded);
+
+  // The tables in 'tableMask' of the agent's database are about to be written to a client or
+  // a snapshot: figures derived from the engine's state are brought up to date. Caller holds
+  // ourLock.
+  void (*beforeTablesWritten)(JNIEnv* env, jint tableMask);
 };
 
 // Every engine of the library, in the order in which the entry points call them.

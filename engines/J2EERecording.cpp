@@ -97,4 +97,5 @@ const Engine ourJ2EEEngine = {
     NativeList{nullptr, 0},
     nullptr,
     foldThreads,
+    nullptr,
 };

@@ -18,15 +18,15 @@ extern volatile jlong ourMonitorRecordingStartNs;
 extern volatile jlong ourMonitorRecordingLastNs;
 
 // Whether the four monitor events (contended enter and entered, wait and waited) have their
-// handlers among the engine's event handlers. While it is false, starting and stopping
-// monitor profiling only changes the status bit and the times, since an event without a
-// handler must not be switched on.
+// handlers among the agent's event callbacks; set when the engine hands them over at load.
+// While it is false, starting and stopping monitor profiling only changes the status bit, the
+// probes and the times, since an event without a handler must not be switched on.
 extern bool ourMonitorEventHandlersInstalled;
 
 // Starts monitor profiling: ERRORCODE_OK, or ERRORCODE_ALREADY_STARTED when it runs. Takes ourLock.
-jint start();
+jint start(JNIEnv* env);
 // Stops it; nothing happens when it doesn't run. Takes ourLock.
-void stop();
+void stop(JNIEnv* env);
 
 }  // namespace Monitors
 

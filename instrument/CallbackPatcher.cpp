@@ -140,6 +140,21 @@ void enableAllocations(ClassFile& classFile, void*) {
   setForwardingBody(init, 0x2A, initNative, OP_IRETURN);
 }
 
+// aload_0; invokestatic native; return.
+void setParkBody(ClassFile& classFile, const char* probe, const char* native) {
+  KString descriptor("(Ljava/lang/Object;)V");
+  CodeAttribute* code = existingProbeMethodCode(classFile, probe, descriptor.get(), "park probe not found");
+  int nativeRef = classFile.findOrCreateMethodRef(KString(classFile.getSignature()), KString(native), descriptor);
+  const unsigned char body[] = {0x2A, OP_INVOKESTATIC, high(nativeRef), low(nativeRef), OP_RETURN};
+  code->setCode(body, sizeof(body));
+  code->incMaxStackCount(1);
+}
+
+void enableParkProbes(ClassFile& classFile, void*) {
+  setParkBody(classFile, "kjpParkEntry", "kjpParkEntry0");
+  setParkBody(classFile, "kjpParkExit", "kjpParkExit0");
+}
+
 void copyBytes(const KVector<unsigned char>& from, KVector<unsigned char>& to) {
   to.clear();
   for (int i = 0; i < from.size(); i++) {
@@ -173,6 +188,12 @@ bool patchCallbackToEnableAllocations(KVector<unsigned char>& input, KVector<uns
   return ClassRewriter::rewrite(CALLBACK_CLASS_NAME, input, output, enableAllocations, nullptr);
 }
 
+bool patchCallbackToEnableParkProbes(KVector<unsigned char>& input, KVector<unsigned char>& output) {
+  KASSERT(input.size() > 0);
+  KASSERT(output.size() == 0);
+  return ClassRewriter::rewrite(CALLBACK_CLASS_NAME, input, output, enableParkProbes, nullptr);
+}
+
 void redefineCallback(JNIEnv* env) {
   LockHolder holder(&ourLock, "Instrumentation(368)");
   jclass callbackClass = findClass(env, CALLBACK_CLASS_NAME);
@@ -189,7 +210,7 @@ void redefineCallback(JNIEnv* env) {
     return;
   }
 
-  // Each of the four states is built from the class as the hook first prepared it, so that
+  // Each of the states is built from the class as the hook first prepared it, so that
   // switching a mode off is the same operation as switching it on.
   KASSERT_TEXT(ourCallbackBytes.size() > 0, "ourCallbackBytes.size() > 0");
   KVector<unsigned char> bytes(ourCallbackBytes.size());
@@ -203,6 +224,12 @@ void redefineCallback(JNIEnv* env) {
   if ((status & ALLOCATION_RECORDING_BIT) != 0) {
     KVector<unsigned char> patched(bytes.size() + 64);
     if (patchCallbackToEnableAllocations(bytes, patched)) {
+      copyBytes(patched, bytes);
+    }
+  }
+  if ((status & MONITORS_BIT) != 0) {
+    KVector<unsigned char> patched(bytes.size() + 64);
+    if (patchCallbackToEnableParkProbes(bytes, patched)) {
       copyBytes(patched, bytes);
     }
   }

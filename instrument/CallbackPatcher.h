@@ -24,6 +24,10 @@ bool patchCallbackToEnableInvocationCounting(KVector<unsigned char>& input, KVec
 // kjpInit calls its native.
 bool patchCallbackToEnableAllocations(KVector<unsigned char>& input, KVector<unsigned char>& output);
 
+// kjpParkEntry and kjpParkExit call their natives. On JVMs that use flags they stay empty:
+// parks on java.util.concurrent locks are not recorded there.
+bool patchCallbackToEnableParkProbes(KVector<unsigned char>& input, KVector<unsigned char>& output);
+
 // Makes the loaded callback class match ourStatus: sets the two flag fields where flags are
 // used, otherwise redefines the class with the bodies built afresh from ourCallbackBytes.
 // Takes ourLock; the hook that RedefineClasses triggers runs on the same thread and goes on.

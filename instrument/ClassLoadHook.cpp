@@ -21,6 +21,7 @@
 #include "instrument/CallbackPatcher.h"
 #include "instrument/InstrumentationRules.h"
 #include "instrument/MethodIDProvider.h"
+#include "instrument/ParkProbes.h"
 #include "instrument/TracingInstrumentation.h"
 
 bool ourCallbackSeen = false;
@@ -67,6 +68,9 @@ void prepareCallbackClass(KVector<unsigned char>& bytes) {
   }
   if (ourOptions.myAllocAtStart && !isFlagUsed()) {
     applyPatch(patchCallbackToEnableAllocations, bytes);
+  }
+  if (ourOptions.myMonitors && !isFlagUsed()) {
+    applyPatch(patchCallbackToEnableParkProbes, bytes);
   }
 }
 
@@ -165,6 +169,11 @@ void JNICALL class_file_load_hook_handler(jvmtiEnv* jvmti, JNIEnv* env, jclass c
       changed = true;
       copyBytes(instrumented, bytes);
     }
+  }
+  KVector<unsigned char> parkProbed(bytes.size() + 64);
+  if (instrumentParkProbes(name, bytes, parkProbed)) {
+    changed = true;
+    copyBytes(parkProbed, bytes);
   }
 
   if (ourOptions.myPrintInstrTimes) {

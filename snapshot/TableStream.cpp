@@ -7,10 +7,10 @@
 #include "agent/KLock.h"
 #include "db/AbstractTable.h"
 #include "db/DB.h"
+#include "engines/Engine.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
 #include "engines/TracingGate.h"
-#include "engines/WallTimeCorrector.h"
 #include "snapshot/SnapshotProgress.h"
 #include "snapshot/SocketWriter.h"
 
@@ -36,24 +36,15 @@ void refreshThreadNames(JNIEnv* env) {
   deallocate(threads);
 }
 
-// A wall-timed method can leave its CPU-timed callers smaller than itself; the callers are
-// raised before anyone reads the times.
-void correctWallTimes() {
-  WallTimeCorrector corrector;
-  forEachLiveThread([&](ThreadInfo* info) { corrector.scheduleForCorrection(info); });
-  if (ourOldestDeadThreads != nullptr) {
-    corrector.scheduleForCorrection(ourOldestDeadThreads);
-  }
-  corrector.correctWallTimes();
-}
-
 void updateDerivedData(JNIEnv* env, jint tableMask) {
   if (env != nullptr && ourJVMTI != nullptr && !ourIsJRockit && (tableMask & (1 << THREAD_TABLE_ID)) != 0) {
     refreshThreadNames(env);
   }
-  if ((tableMask & (1 << CPUPROFILING_TABLE_ID)) != 0) {
-    correctWallTimes();
-  }
+  forEachEngine([&](const Engine& engine) {
+    if (engine.beforeTablesWritten != nullptr) {
+      engine.beforeTablesWritten(env, tableMask);
+    }
+  });
 }
 
 bool hasOpenTimedCalls() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }

@@ -11,6 +11,7 @@
 #include "engines/AllocationRecording.h"
 #include "engines/Engine.h"
 #include "engines/J2EERecording.h"
+#include "engines/MonitorUsage.h"
 #include "engines/Tracing.h"
 
 namespace {
@@ -88,6 +89,8 @@ TEST(EngineTableTest, EveryNativeOfCoreAndCallbackIsRegisteredOnceWithItsSignatu
       {"kjpInit0", "(Ljava/lang/Object;I)I"},
       {"kjpMethodEntry0", "(SS)V"},
       {"kjpMethodExit0", "(SS)V"},
+      {"kjpParkEntry0", "(Ljava/lang/Object;)V"},
+      {"kjpParkExit0", "(Ljava/lang/Object;)V"},
   };
   EXPECT_EQ(expectedCallback, callback);
 }
@@ -112,8 +115,9 @@ TEST(EngineTableTest, EnginesAskForTheirCapabilitiesAndEventsAtLoad) {
       atLoad.insert(engine.myEventsAtLoad.myEvents[i]);
     }
   });
-  std::set<int> expected = {JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION_CATCH,
-                            JVMTI_EVENT_OBJECT_FREE};
+  // Exceptions are counted from the start; the monitor events wait for monitor profiling.
+  std::set<int> expected = {JVMTI_EVENT_CLASS_LOAD, JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCEPTION,
+                            JVMTI_EVENT_EXCEPTION_CATCH, JVMTI_EVENT_OBJECT_FREE};
   EXPECT_EQ(expected, atLoad);
 }
 
@@ -124,12 +128,16 @@ TEST(EngineTableTest, AnEventOfOneEngineGoesStraightToItsHandlerAndOneOfSeveralT
   EXPECT_EQ(&class_alloc_handler, callbacks.ClassLoad);
   EXPECT_EQ(&vm_object_alloc_handler, callbacks.VMObjectAlloc);
   EXPECT_EQ(&objectFree, callbacks.ObjectFree);
-  EXPECT_EQ(&exception, callbacks.Exception);
-  EXPECT_EQ(&exception_catch, callbacks.ExceptionCatch);
-  // Allocations and J2EE both want prepared classes.
+  EXPECT_EQ(&Monitors::monitorWait, callbacks.MonitorWait);
+  // Allocations and J2EE both want prepared classes, tracing and exception telemetry throws,
+  // J2EE and exception telemetry catches.
   EXPECT_NE(nullptr, callbacks.ClassPrepare);
   EXPECT_NE(&class_alloc_handler, callbacks.ClassPrepare);
   EXPECT_NE(&markJ2EEClass, callbacks.ClassPrepare);
+  EXPECT_NE(nullptr, callbacks.Exception);
+  EXPECT_NE(&exception, callbacks.Exception);
+  EXPECT_NE(nullptr, callbacks.ExceptionCatch);
+  EXPECT_NE(&exception_catch, callbacks.ExceptionCatch);
   // Nothing outside the engines' events is touched.
   EXPECT_EQ(nullptr, callbacks.VMInit);
   EXPECT_EQ(nullptr, callbacks.ThreadEnd);

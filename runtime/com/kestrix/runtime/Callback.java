@@ -27,7 +27,19 @@ public final class Callback {
     public static void kjpMethodExit(short low, short high) {
     }
 
+    /** Park probe in LockSupport: the thread is about to park on the blocker. */
+    public static void kjpParkEntry(Object blocker) {
+    }
+
+    /** Park probe in LockSupport: the thread is back from parking on the blocker. */
+    public static void kjpParkExit(Object blocker) {
+    }
+
     private static native int kjpInit0(Object object, int allocatorIndex);
+
+    private static native void kjpParkEntry0(Object blocker);
+
+    private static native void kjpParkExit0(Object blocker);
 
     private static native void kjpMethodEntry0(short low, short high);
 
