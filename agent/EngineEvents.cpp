@@ -100,7 +100,11 @@ void setEngineEventHandlers(jvmtiEventCallbacks* callbacks) {
 void enableEngineEventsAtLoad(jvmtiEnv* jvmti) {
   forEachEngine([&](const Engine& engine) {
     for (jint i = 0; i < engine.myEventsAtLoad.myCount; i++) {
-      check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_ENABLE, engine.myEventsAtLoad.myEvents[i], nullptr));
+      jvmtiEvent event = engine.myEventsAtLoad.myEvents[i];
+      bool exceptionEvent = event == JVMTI_EVENT_EXCEPTION || event == JVMTI_EVENT_EXCEPTION_CATCH;
+      if (!exceptionEvent || exceptionEventsWanted()) {
+        check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_ENABLE, event, nullptr));
+      }
     }
   });
 }

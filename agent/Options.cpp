@@ -63,6 +63,8 @@ const char* const USAGE_LINES[] = {
     "disablealloc       do not instrument bytecode for object allocation recording",
     "disablecounts      do not instrument bytecode for CPU tracing",
     "disablej2ee        do not instrument bytecode for J2EE profiling",
+    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes",
+    "                   the code of every throw, which costs throw-heavy programs dearly",
     "disablestacktelemetry",
     "                   do not collect thread stack and status information",
     "quiet              suppress diagnostic messages",
@@ -187,6 +189,7 @@ void Options::setDefaults() {
   mySizeLimitEnabled = false;
   mySizeLimit = DEFAULT_SIZE_LIMIT;
   myMonitors = false;
+  myDisableExceptions = false;
   myTelemetryLimit = DEFAULT_TELEMETRY_LIMIT_SECONDS;
   myPrintInstrTimes = false;
   myPrintPercents = false;
@@ -272,6 +275,8 @@ bool Options::handleJVMTISpecificOption(const char* option) {
     myNoJ2EE = true;
   } else if (strcmp(option, "monitors") == 0) {
     myMonitors = true;
+  } else if (strcmp(option, "disableexceptions") == 0) {
+    myDisableExceptions = true;
   } else {
     return false;
   }

@@ -65,6 +65,8 @@ class Options {
   bool mySizeLimitEnabled;
   int mySizeLimit;  // bytes
   bool myMonitors;
+  // No exception events at all: exceptions go uncounted, and the JVM throws at full speed.
+  bool myDisableExceptions;
   bool myWithDebugger;
   int myTelemetryLimit;  // seconds
   bool myPrintInstrTimes;

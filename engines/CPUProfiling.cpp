@@ -37,7 +37,9 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
   ourStatus |= mode;
   ourContainsInvocations = (ourStatus & CPU_COUNTS_BIT) != 0;
   if ((mode & CPU_COUNTS_BIT) != 0) {
-    check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+    if (exceptionEventsWanted()) {
+      check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+    }
     redefineCallbackAfterStatusChange(env);
   }
   return 0;
@@ -62,7 +64,9 @@ void stopCPUProfiling(JNIEnv* env) {
     ourStatus &= ~CPU_PROFILING;
     return;
   }
-  check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+  if (exceptionEventsWanted()) {
+    check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+  }
   if (ourLinuxFastThreadCPUTimeSupported) {
     forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
@@ -113,7 +117,7 @@ namespace {
 
 void addCapabilities(jvmtiCapabilities* capabilities) {
   // Tracing hears of throws, which unwind frames past their exit probes.
-  capabilities->can_generate_exception_events = 1;
+  capabilities->can_generate_exception_events = exceptionEventsWanted() ? 1 : 0;
 }
 
 void setEventHandlers(jvmtiEventCallbacks* callbacks) {

@@ -94,6 +94,12 @@ void forEachEngine(Action action) {
   }
 }
 
+// Whether the engines may ask for exception events. Holding the capability alone makes HotSpot
+// deoptimize the code of every throw, so "disableexceptions" leaves it out for good: no
+// exception telemetry, and tracing and J2EE recording rebuild their stacks from the real ones
+// instead of hearing of unwinding.
+bool exceptionEventsWanted();
+
 // Switches the probes of the callback class on or off after a change of ourStatus. Set by
 // class instrumentation, which owns the callback class; while it is null, a mode change only
 // changes ourStatus, which the probes also check.

@@ -1,4 +1,5 @@
 // The engines of the library. A new engine is its own files and one row here.
+#include "agent/Options.h"
 #include "db/DB.h"
 #include "engines/AllocationRecording.h"
 #include "engines/CPUProfiling.h"
@@ -19,6 +20,8 @@ const Engine* const ourEngines[] = {
 const int ourEngineCount = static_cast<int>(sizeof(ourEngines) / sizeof(ourEngines[0]));
 
 void (*ourRedefineCallback)(JNIEnv* env) = nullptr;
+
+bool exceptionEventsWanted() { return !ourOptions.myDisableExceptions; }
 
 void redefineCallbackAfterStatusChange(JNIEnv* env) {
   if (ourRedefineCallback != nullptr) {

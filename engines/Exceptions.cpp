@@ -165,7 +165,9 @@ extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearExceptions(
 namespace {
 
 void addCapabilities(jvmtiCapabilities* capabilities) {
-  capabilities->can_generate_exception_events = 1;
+  if (exceptionEventsWanted()) {
+    capabilities->can_generate_exception_events = 1;
+  }
   capabilities->can_tag_objects = 1;
 }
 

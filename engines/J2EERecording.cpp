@@ -72,7 +72,9 @@ namespace {
 
 void addCapabilities(jvmtiCapabilities* capabilities) {
   capabilities->can_tag_objects = 1;
-  capabilities->can_generate_exception_events = 1;
+  if (exceptionEventsWanted()) {
+    capabilities->can_generate_exception_events = 1;
+  }
 }
 
 void setEventHandlers(jvmtiEventCallbacks* callbacks) {

@@ -45,6 +45,8 @@ const std::string USAGE =
     "disablealloc       do not instrument bytecode for object allocation recording\n"
     "disablecounts      do not instrument bytecode for CPU tracing\n"
     "disablej2ee        do not instrument bytecode for J2EE profiling\n"
+    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes\n"
+    "                   the code of every throw, which costs throw-heavy programs dearly\n"
     "disablestacktelemetry\n"
     "                   do not collect thread stack and status information\n"
     "quiet              suppress diagnostic messages\n"

@@ -243,6 +243,13 @@ class LocksAndExceptionsTest {
 
     @ParameterizedTest
     @MethodSource("jdks")
+    void disabledExceptionsAreNotCountedAndTracingStillStartsAndStops(Path jdk, @TempDir Path dir) throws Exception {
+        Tables tables = run(jdk, dir, "disableexceptions,tracing,onexit=snapshot", "exceptions");
+        assertEquals(List.of(), tables.exceptions());
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
     void foldedDeadThreadsKeepEverySumAndClearsEmptyTheTables(Path jdk, @TempDir Path dir) throws Exception {
         int port = LiveAgent.freePort();
         try (LiveAgent agent = LiveAgent.launchProgram(jdk, dir, "port=" + port + ",dir=" + dir + ",monitors", port,
