@@ -14,6 +14,7 @@
 #include "engines/Sampling.h"
 #include "snapshot/SnapshotCapture.h"
 #include "snapshot/TableStream.h"
+#include "snapshot/TransferGuard.h"
 
 extern "C" {
 
@@ -107,6 +108,9 @@ const JNINativeMethod ourCoreNativeMethods[] = {
         Java_com_kestrix_runtime_Core_setProperty),
     nativeRow("storeTelemetryRecord", "([I[I)V", Java_com_kestrix_runtime_Core_storeTelemetryRecord),
     nativeRow("writeTables", "(II[I)V", Java_com_kestrix_runtime_Core_writeTables),
+    nativeRow("sealSnapshot", "(Ljava/lang/String;)V", Java_com_kestrix_runtime_Core_sealSnapshot),
+    nativeRow("openSnapshotForTransfer", "(Ljava/lang/String;Ljava/io/FileDescriptor;)J",
+              Java_com_kestrix_runtime_Core_openSnapshotForTransfer),
 };
 const jint ourCoreNativeMethodCount = static_cast<jint>(sizeof(ourCoreNativeMethods) / sizeof(ourCoreNativeMethods[0]));
 

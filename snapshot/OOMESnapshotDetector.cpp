@@ -9,8 +9,14 @@
 #include "agent/AgentThread.h"
 #include "agent/Options.h"
 #include "snapshot/SnapshotCapture.h"
+#include "snapshot/TransferGuard.h"
 
 namespace {
+
+jlong fileSize(const char* path) {
+  struct stat info;
+  return stat(path, &info) == 0 ? static_cast<jlong>(info.st_size) : -1;
+}
 
 void JNICALL detectorThreadEntry(jvmtiEnv*, JNIEnv* env, void*) { oome_snapshot_detector(env); }
 
@@ -59,6 +65,17 @@ void oome_snapshot_detector(JNIEnv* env) {
     KString found = watcher.check();
     if (found.length() > 0) {
       addSnapshotInfo(found.get(), OOME_HPROF_SNAPSHOT_FLAGS);
+      // The JVM may still be writing the dump: its identity is taken once its size holds.
+      jlong size = fileSize(found.get());
+      for (;;) {
+        sleep(OOME_POLL_SECONDS);
+        jlong now = fileSize(found.get());
+        if (now == size) {
+          break;
+        }
+        size = now;
+      }
+      sealSnapshotFile(found.get());
       return;
     }
     sleep(OOME_POLL_SECONDS);

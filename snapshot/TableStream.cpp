@@ -114,5 +114,6 @@ extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_writeTables(JNIE
     jint length = env->GetArrayLength(stamps);
     env->GetIntArrayRegion(stamps, 0, length < TABLE_STAMP_COUNT ? length : TABLE_STAMP_COUNT, copy);
   }
-  writeTableUpdate(env, ourDB, socketFD, tableMask, copy);
+  // The mask comes from the network: only tables that stream are written, whatever else it asks.
+  writeTableUpdate(env, ourDB, socketFD, tableMask & ALL_TABLES_MASK, copy);
 }

@@ -67,6 +67,8 @@ TEST(EngineTableTest, EveryNativeOfCoreAndCallbackIsRegisteredOnceWithItsSignatu
       {"getStatus", "()J"},
       {"getUptimeMs", "()J"},
       {"markMemory", "(ILjava/lang/String;)V"},
+      {"openSnapshotForTransfer", "(Ljava/lang/String;Ljava/io/FileDescriptor;)J"},
+      {"sealSnapshot", "(Ljava/lang/String;)V"},
       {"setProperty", "(Ljava/lang/String;Ljava/lang/String;)V"},
       {"startAllocationRecording", "(ZIZI)I"},
       {"startCPUProfiling", "(JLjava/lang/String;Ljava/lang/String;)I"},

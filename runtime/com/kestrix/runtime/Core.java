@@ -128,6 +128,19 @@ public final class Core {
      */
     static native int getSocketFD(Socket socket);
 
+    /** Records the identity of a file the agent has written, which alone may be transferred. */
+    static native void sealSnapshot(String path);
+
+    /**
+     * Opens a sealed snapshot into the descriptor, if it is still the file the agent wrote:
+     * returns its size, or TRANSFER_UNKNOWN, TRANSFER_MISSING or TRANSFER_CHANGED.
+     */
+    static native long openSnapshotForTransfer(String path, java.io.FileDescriptor descriptor);
+
+    static final long TRANSFER_UNKNOWN = -1;
+    static final long TRANSFER_MISSING = -2;
+    static final long TRANSFER_CHANGED = -3;
+
     // ---- start ----
 
     /** Called by the agent at VM init. With a start delay the work moves to its own thread. */
@@ -550,6 +563,7 @@ public final class Core {
         } else {
             failure = captureSnapshot(path, socketFD, snapshotFlags);
         }
+        sealSnapshot(path);
         if (failure != null) {
             String message = "Cannot capture snapshot " + path + ": " + failure;
             logRequest(message);

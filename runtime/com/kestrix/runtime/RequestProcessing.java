@@ -2,9 +2,10 @@ package com.kestrix.runtime;
 
 import java.io.DataInputStream;
 import java.io.DataOutputStream;
-import java.io.File;
+import java.io.FileDescriptor;
 import java.io.FileInputStream;
 import java.io.IOException;
+import java.io.InputStream;
 import java.lang.reflect.Field;
 import java.lang.reflect.Method;
 import java.net.Socket;
@@ -262,37 +263,71 @@ final class RequestProcessing {
         Packet.writeString(out, path);
     }
 
-    // Only files this agent wrote or registered may leave the machine through the socket.
-    private static File checkTransferable(DataInputStream in, DataOutputStream out) throws IOException {
+    /** A snapshot opened for a transfer: the file as the agent wrote it, and its size then. */
+    static final class Transferable {
+        final FileInputStream myInput;
+        final long mySize;
+
+        Transferable(FileInputStream input, long size) {
+            myInput = input;
+            mySize = size;
+        }
+    }
+
+    /**
+     * Only files this agent wrote may leave the machine through the socket, and only while they
+     * are still those files: a link, or another file put at the path, is refused. The bytes come
+     * from the descriptor that was checked, never from the path again.
+     */
+    private static Transferable openTransferable(DataInputStream in, DataOutputStream out) throws IOException {
         String path = Packet.readStringNotNull(in);
-        if (!Core.findSnapshot(path)) {
+        FileDescriptor descriptor = new FileDescriptor();
+        long size = Core.openSnapshotForTransfer(path, descriptor);
+        if (size == Core.TRANSFER_UNKNOWN) {
             writeError(out, "File cannot be transferred: unknown snapshot " + path);
             return null;
         }
-        File file = new File(path);
-        if (!file.isFile()) {
+        if (size == Core.TRANSFER_MISSING) {
             writeError(out, "The file to transfer does not exist: " + path);
             return null;
         }
-        return file;
+        if (size < 0) {
+            writeError(out, "File cannot be transferred: " + path + " is no longer the snapshot the agent wrote");
+            return null;
+        }
+        return new Transferable(new FileInputStream(descriptor), size);
+    }
+
+    /** Up to 'remaining' bytes of the input into the buffer; -1 once they are all read. */
+    private static int readUpTo(InputStream input, byte[] buffer, long remaining) throws IOException {
+        if (remaining <= 0) {
+            return -1;
+        }
+        int read = input.read(buffer, 0, (int) Math.min(buffer.length, remaining));
+        if (read == -1) {
+            // The file shrank since it was sealed: nothing else may be sent in its place.
+            throw new IOException("the snapshot changed during the transfer");
+        }
+        return read;
     }
 
     private static void processTransferSnapshot(DataInputStream in, DataOutputStream out) throws IOException {
-        File file = checkTransferable(in, out);
+        Transferable file = openTransferable(in, out);
         if (file == null) {
             return;
         }
-        FileInputStream input = new FileInputStream(file);
         try {
             writeOK(out);
-            Packet.writeLong(out, file.length());
+            Packet.writeLong(out, file.mySize);
             byte[] buffer = new byte[TRANSFER_BUFFER_SIZE];
+            long remaining = file.mySize;
             int read;
-            while ((read = input.read(buffer)) != -1) {
+            while ((read = readUpTo(file.myInput, buffer, remaining)) != -1) {
                 Packet.writeBytes(out, buffer, read);
+                remaining -= read;
             }
         } finally {
-            input.close();
+            file.myInput.close();
         }
     }
 
@@ -303,28 +338,30 @@ final class RequestProcessing {
      */
     private static void processTransferSnapshotCompressed(DataInputStream in, DataOutputStream out)
             throws IOException {
-        File file = checkTransferable(in, out);
+        Transferable file = openTransferable(in, out);
         if (file == null) {
             return;
         }
-        FileInputStream input = new FileInputStream(file);
         Deflater deflater = new Deflater(Deflater.DEFAULT_COMPRESSION, true);
         try {
             writeOK(out);
-            Packet.writeLong(out, file.length());
-            writeCompressedBlocks(input, out, deflater);
+            Packet.writeLong(out, file.mySize);
+            writeCompressedBlocks(file.myInput, file.mySize, out, deflater);
         } finally {
             deflater.end();
-            input.close();
+            file.myInput.close();
         }
     }
 
-    static void writeCompressedBlocks(java.io.InputStream input, DataOutputStream out, Deflater deflater)
+    /** Exactly 'size' bytes of the input, in compressed blocks. */
+    static void writeCompressedBlocks(InputStream input, long size, DataOutputStream out, Deflater deflater)
             throws IOException {
         byte[] inputBuffer = new byte[Protocol.TRANSFER_UNCOMPRESSED_CHUNK_SIZE];
         byte[] outputBuffer = new byte[Protocol.TRANSFER_COMPRESSED_CHUNK_SIZE];
+        long remaining = size;
         int read;
-        while ((read = input.read(inputBuffer)) != -1) {
+        while ((read = readUpTo(input, inputBuffer, remaining)) != -1) {
+            remaining -= read;
             if (read == 0) {
                 continue;
             }
@@ -384,6 +421,10 @@ final class RequestProcessing {
     private static void processPeriodicalCaptureSetup(DataInputStream in, DataOutputStream out) throws IOException {
         long periodSec = Packet.readLong(in);
         int maxSnapshotCount = Packet.readInt(in);
+        if (periodSec != -1 && (periodSec < 1 || periodSec > Integer.MAX_VALUE)) {
+            writeError(out, "Bad capture period: " + periodSec + " s. Should be at least 1 s; -1 turns periodic capture off");
+            return;
+        }
         PeriodicalCaptureSupport.setup(periodSec, maxSnapshotCount);
         writeOK(out);
     }

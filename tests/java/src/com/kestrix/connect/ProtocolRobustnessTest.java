@@ -162,6 +162,76 @@ class ProtocolRobustnessTest {
                 assertEquals(length, bytes.length);
             }
             agent.kjpOk("fetch", path, "-o", dir.resolve("copy.snapshot").toString());
+
+            // Snapshots swapped for something else after the capture: a symbolic link, a hard link
+            // to another file, another file renamed into the place, the file grown by someone else.
+            Path secret = dir.resolve("secret.txt");
+            java.nio.file.Files.writeString(secret, "not for the network\n");
+            List<Path> swapped = new java.util.ArrayList<>();
+            for (int i = 0; i < 4; i++) {
+                swapped.add(Path.of(agent.kjpOk("capture").strip()));
+            }
+            java.nio.file.Files.delete(swapped.get(0));
+            java.nio.file.Files.createSymbolicLink(swapped.get(0), Path.of("/etc/passwd"));
+            Path sameDirectory = swapped.get(1).resolveSibling("secret.txt");
+            java.nio.file.Files.copy(secret, sameDirectory);
+            java.nio.file.Files.delete(swapped.get(1));
+            java.nio.file.Files.createLink(swapped.get(1), sameDirectory);
+            java.nio.file.Files.move(secret, swapped.get(2), java.nio.file.StandardCopyOption.REPLACE_EXISTING);
+            java.nio.file.Files.write(swapped.get(3), new byte[] {42}, java.nio.file.StandardOpenOption.APPEND);
+            for (Path changed : swapped) {
+                for (int type : new int[] {Protocol.PACKET_TRANSFER_SNAPSHOT_REQ,
+                        Protocol.PACKET_TRANSFER_SNAPSHOT_COMPRESSED_REQ}) {
+                    try (Raw raw = Raw.open(agent.port())) {
+                        Packet.writeHeader(raw.out(), type);
+                        Packet.writeString(raw.out(), changed.toString());
+                        raw.out().flush();
+                        PresentableException e = assertThrows(PresentableException.class,
+                                () -> Packet.readHeader(raw.in(), Protocol.INCOMPATIBLE_AGENT_MESSAGE), changed.toString());
+                        assertEquals("File cannot be transferred: " + changed + " is no longer the snapshot the agent wrote",
+                                e.getMessage());
+                        assertEquals(-1, raw.in().read(), "not a byte of it");
+                    }
+                }
+            }
+            assertTrue(agent.isAlive(), agent.toString());
+            agent.kjpOk("fetch", path, "-o", dir.resolve("again.snapshot").toString());
+        }
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void anyTableMaskIsAnsweredWithTheTablesThatStream(Path jdk, @TempDir Path dir) throws Exception {
+        // With allocations recorded the allocator table has rows, which never stream as a table.
+        try (LiveAgent agent = LiveAgent.start(jdk, dir, "alloceach=1")) {
+            agent.command("burn 200", 60);
+            List<Integer> masks = new java.util.ArrayList<>(List.of(-1, Integer.MIN_VALUE, 0x7FFFFFFF, 1 << 12,
+                    ~ALL_TABLES));
+            for (int bit = 0; bit < 32; bit++) {
+                masks.add(1 << bit);
+            }
+            try (AgentClient client = AgentClient.connect("localhost", agent.port())) {
+                for (int mask : masks) {
+                    TableUpdate update = client.updateTables(mask, null);
+                    for (int id : update.tableIds()) {
+                        assertTrue((mask & ALL_TABLES & 1 << id) != 0, "mask " + mask + " brought table " + id);
+                    }
+                }
+            }
+            // Periods that no timer can run are refused, not thrown at the listener.
+            for (long period : new long[] {0, -2, Long.MIN_VALUE, Long.MAX_VALUE}) {
+                try (Raw raw = Raw.open(agent.port())) {
+                    Packet.writeHeader(raw.out(), Protocol.PACKET_PERIODICAL_CAPTURE_SETUP_REQ);
+                    raw.out().writeLong(period);
+                    raw.out().writeInt(1);
+                    raw.out().flush();
+                    PresentableException e = assertThrows(PresentableException.class,
+                            () -> Packet.readHeader(raw.in(), Protocol.INCOMPATIBLE_AGENT_MESSAGE));
+                    assertTrue(e.getMessage().startsWith("Bad capture period: " + period + " s."), e.getMessage());
+                }
+            }
+            assertTrue(agent.isAlive(), agent.toString());
+            agent.kjpOk("status");
         }
     }
 

@@ -347,7 +347,7 @@ class RequestProcessingTest {
         DataOutputStream out = new DataOutputStream(bytes);
         Deflater deflater = new Deflater(Deflater.DEFAULT_COMPRESSION, true);
         try {
-            RequestProcessing.writeCompressedBlocks(new ByteArrayInputStream(data), out, deflater);
+            RequestProcessing.writeCompressedBlocks(new ByteArrayInputStream(data), data.length, out, deflater);
         } finally {
             deflater.end();
         }
