@@ -4,6 +4,7 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
+#include "agent/Options.h"
 #include "db/DB.h"
 #include "engines/KFrameStorage.h"
 #include "engines/KMethod.h"
@@ -17,8 +18,7 @@ namespace {
 
 const char* const STARTUP_ALLOCATIONS_METHOD = "<Objects allocated during JVM startup>";
 
-bool isPickedForRecording(jlong size) {
-  const AllocationRecordingSettings& settings = ourAllocationRecordingSettings;
+bool isPickedForRecording(const AllocationRecordingSettings& settings, jlong size) {
   if (settings.mySizeLimitEnabled && size >= settings.mySizeLimit) {
     return true;
   }
@@ -35,18 +35,30 @@ jint getStartupAllocationsFrame() {
   return ourFrameStorage.ourStartupAllocationsFrame;
 }
 
+// Recording asked for by the options starts at VM Init, once the callback class can be switched
+// and VMObjectAlloc enabled; what the start phase before it allocates reaches us through the
+// class events only, and is recorded by the options' rules.
+AllocationRecordingSettings getStartPhaseSettings() {
+  return AllocationRecordingSettings{ourOptions.myRecordEachEnabled, ourOptions.myRecordEach,
+                                     ourOptions.mySizeLimitEnabled, ourOptions.mySizeLimit};
+}
+
 }  // namespace
 
 jint kjpInitImpl(JNIEnv* env, jobject object, jint allocatorIndex) {
-  if ((ourStatus & ALLOCATION_RECORDING_BIT) == 0) {
-    return allocatorIndex;
-  }
-  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
-  if (info == nullptr || info->myIsAgentThread) {
+  bool recording = (ourStatus & ALLOCATION_RECORDING_BIT) != 0;
+  if (!recording && !ourOptions.myAllocAtStart) {
     return allocatorIndex;
   }
   jvmtiPhase phase = currentPhase();
   if (phase != JVMTI_PHASE_LIVE && phase != JVMTI_PHASE_START) {
+    return allocatorIndex;
+  }
+  if (!recording && phase != JVMTI_PHASE_START) {
+    return allocatorIndex;
+  }
+  ThreadInfo* info = getThreadInfoJVMTI(nullptr);
+  if (info == nullptr || info->myIsAgentThread) {
     return allocatorIndex;
   }
   KASSERT_TEXT(env != nullptr, "jni");
@@ -62,7 +74,7 @@ jint kjpInitImpl(JNIEnv* env, jobject object, jint allocatorIndex) {
     ourAllocationCounter = static_cast<jint>(static_cast<unsigned int>(ourAllocationCounter) + 1u);
     jlong size = 0;
     check_JVMTI_error(ourJVMTI->GetObjectSize(object, &size));
-    if (!isPickedForRecording(size)) {
+    if (!isPickedForRecording(recording ? ourAllocationRecordingSettings : getStartPhaseSettings(), size)) {
       return allocatorIndex;
     }
 
@@ -98,7 +110,17 @@ void JNICALL vm_object_alloc_handler(jvmtiEnv*, JNIEnv* env, jthread, jobject ob
   kjpInitImpl(env, object, -1);
 }
 
-void JNICALL class_alloc_handler(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) { kjpInitImpl(env, klass, -1); }
+void JNICALL class_alloc_handler(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
+  // Both ClassLoad and ClassPrepare report the class object: a class is one allocation, and a
+  // second tag would lose the first row for good, as no ObjectFree would ever give it back.
+  if (((ourStatus & ALLOCATION_RECORDING_BIT) != 0 || ourOptions.myAllocAtStart) && ourJVMTI != nullptr) {
+    jlong tag = 0;
+    if (ourJVMTI->GetTag(klass, &tag) == JVMTI_ERROR_NONE && getAllocatorRowOfTag(tag) > 0) {
+      return;
+    }
+  }
+  kjpInitImpl(env, klass, -1);
+}
 
 extern "C" JNIEXPORT jint JNICALL Java_com_kestrix_runtime_Callback_kjpInit0(JNIEnv* env, jclass, jobject object,
                                                                             jint allocatorIndex) {

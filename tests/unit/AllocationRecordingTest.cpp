@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "CPUTestSupport.h"
+#include "agent/Options.h"
 #include "engines/AllocationRecording.h"
 #include "engines/AllocationEntry.h"
 #include "engines/ObjectEnumerator.h"
@@ -24,6 +25,10 @@ class AllocationRecordingTest : public CPUEngineTest {
     CPUEngineTest::SetUp();
     myJVMTITable.GetObjectSize = [](jvmtiEnv*, jobject object, jlong* size) -> jvmtiError {
       *size = fakeOf(object)->size;
+      return JVMTI_ERROR_NONE;
+    };
+    myJVMTITable.GetTag = [](jvmtiEnv*, jobject object, jlong* tag) -> jvmtiError {
+      *tag = fakeOf(object)->tag;
       return JVMTI_ERROR_NONE;
     };
     myJVMTITable.SetTag = [](jvmtiEnv*, jobject object, jlong tag) -> jvmtiError {
@@ -266,6 +271,36 @@ TEST_F(AllocationRecordingTest, StartPhaseAllocationsGoToOneStartupNodeOfTheVMSt
   EXPECT_EQ(0, myThread->getAllocInfo(frame)->myCount);
 }
 
+TEST_F(AllocationRecordingTest, OptionsThatRecordFromStartUpCoverTheStartPhaseBeforeRecordingRuns) {
+  bool savedAtStart = ourOptions.myAllocAtStart;
+  bool savedEachEnabled = ourOptions.myRecordEachEnabled;
+  jint savedEach = ourOptions.myRecordEach;
+  bool savedLimitEnabled = ourOptions.mySizeLimitEnabled;
+  ourOptions.myAllocAtStart = true;
+  ourOptions.myRecordEachEnabled = true;
+  ourOptions.myRecordEach = 2;
+  ourOptions.mySizeLimitEnabled = false;
+  ourStatus = STACK_TELEMETRY;
+  myFake.phase = JVMTI_PHASE_START;
+  FakeObject objects[4] = {{8, 0, 0}, {8, 0, 0}, {8, 0, 0}, {8, 0, 0}};
+  for (FakeObject& object : objects) {
+    allocate(&object);
+  }
+  EXPECT_EQ(4, ourAllocationCounter);
+  ASSERT_GT(ourFrameStorage.ourStartupAllocationsFrame, 0);
+  EXPECT_EQ(2, ourVMStartThread->getAllocInfo(ourFrameStorage.ourStartupAllocationsFrame)->myCount);
+
+  // Once live, only running recording counts.
+  myFake.phase = JVMTI_PHASE_LIVE;
+  FakeObject later{8, 0, 0};
+  EXPECT_EQ(-1, allocate(&later));
+  EXPECT_EQ(4, ourAllocationCounter);
+  ourOptions.myAllocAtStart = savedAtStart;
+  ourOptions.myRecordEachEnabled = savedEachEnabled;
+  ourOptions.myRecordEach = savedEach;
+  ourOptions.mySizeLimitEnabled = savedLimitEnabled;
+}
+
 TEST_F(AllocationRecordingTest, NothingIsCountedWhileNotRecordingOnAgentThreadsOutsideTheLivePhasesOrAtDeath) {
   settings(true, 1, false, 0);
   FakeObject object{8, 0, 0};
@@ -298,6 +333,22 @@ TEST_F(AllocationRecordingTest, NothingIsCountedWhileNotRecordingOnAgentThreadsO
   EXPECT_EQ(3, ourAllocationCounter);
   jint frame = pathFrame({indexOf(myOuter), indexOf(myInner)});
   EXPECT_EQ(3, myThread->getAllocInfo(frame)->myCount);
+}
+
+TEST_F(AllocationRecordingTest, AClassReportedAtLoadAndAgainAtPreparationIsOneAllocation) {
+  settings(true, 1, false, 0);
+  FakeObject klass{120, 0, 0};
+  class_alloc_handler(&myJVMTI, &myEnv, nullptr, reinterpret_cast<jclass>(objectOf(&klass)));
+  jlong firstTag = klass.tag;
+  class_alloc_handler(&myJVMTI, &myEnv, nullptr, reinterpret_cast<jclass>(objectOf(&klass)));
+  EXPECT_EQ(1, klass.setTagCalls);
+  EXPECT_EQ(firstTag, klass.tag);
+  EXPECT_EQ(1, ourAllocationCounter);
+
+  // A class that only carries a generation is still new to recording.
+  FakeObject marked{120, makeAllocationTag(0, 4), 0};
+  class_alloc_handler(&myJVMTI, &myEnv, nullptr, reinterpret_cast<jclass>(objectOf(&marked)));
+  EXPECT_EQ(1, marked.setTagCalls);
 }
 
 TEST_F(AllocationRecordingTest, AnAllocationWithoutObjectOrEnvironmentIsRefused) {

@@ -10,8 +10,8 @@ import java.util.List;
  * from standard input, one a line, and answers each with "done <command>" on standard output:
  * "burn MS" spends MS milliseconds of CPU time in HotLoop.burn(), called from
  * HotLoop.Burner.run() on a thread named "hot"; "grow PERCENT" keeps allocating until the used
- * heap reaches PERCENT of the maximum and holds on to it; "exit" or the end of input ends the
- * program.
+ * heap reaches PERCENT of the maximum and holds on to it; "allocate N B" makes N small objects and
+ * B arrays of 2 MiB through Allocations.allocateAll; "exit" or the end of input ends the program.
  */
 public class Remote {
     static final List<byte[]> ourHeld = new ArrayList<byte[]>();
@@ -44,6 +44,9 @@ public class Remote {
                 burner.join();
             } else if (words[0].equals("grow")) {
                 grow(Integer.parseInt(words[1]));
+            } else if (words[0].equals("allocate")) {
+                Allocations.prepare(Integer.parseInt(words[1]), Integer.parseInt(words[2]));
+                Allocations.allocateAll(Integer.parseInt(words[1]), Integer.parseInt(words[2]));
             } else if (words[0].equals("gc")) {
                 System.gc();
             }

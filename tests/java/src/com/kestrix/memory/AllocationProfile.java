@@ -1,0 +1,100 @@
+package com.kestrix.memory;
+
+import com.kestrix.tools.snapshot.Snapshot;
+import com.kestrix.tools.snapshot.Table;
+import com.kestrix.tools.snapshot.TableLayout;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.stream.Collectors;
+
+/**
+ * The allocation figures of a snapshot, one entry per (thread, allocating frame): the thread's
+ * name, the call path from the outermost frame down as "Class.method" names, the number of
+ * recorded objects and their bytes.
+ */
+final class AllocationProfile {
+    record Site(String thread, List<String> path, long count, long bytes) {
+        boolean endsWith(List<String> tail) {
+            return path.size() >= tail.size() && path.subList(path.size() - tail.size(), path.size()).equals(tail);
+        }
+
+        @Override
+        public String toString() {
+            return thread + ": " + String.join(" > ", path) + " count=" + count + " bytes=" + bytes;
+        }
+    }
+
+    final List<Site> sites = new ArrayList<>();
+
+    AllocationProfile(Snapshot snapshot) {
+        Map<Integer, String> threadBySlot = new HashMap<>();
+        Table threads = snapshot.table(TableLayout.THREAD);
+        for (int row = 0; row < threads.size(); row++) {
+            int slot = threads.getInt(row, TableLayout.THREAD.field("indexForTFI"));
+            if (threads.stamp(row) > 0 && slot != 0) {
+                threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
+            }
+        }
+        Table frames = snapshot.table(TableLayout.FRAME);
+        Table methods = snapshot.table(TableLayout.METHOD);
+        Table pairs = snapshot.table(TableLayout.THREADFRAME);
+        Table alloc = snapshot.table(TableLayout.ALLOCINFO);
+        for (int row = 0; row < alloc.size(); row++) {
+            long count = alloc.getLong(row, TableLayout.ALLOCINFO.field("count"));
+            if (alloc.stamp(row) <= 0 || count == 0) {
+                continue;
+            }
+            // The row's index is its TFI, which names the (thread, frame) pair.
+            int pair = pairs.rowOf(alloc.index(row));
+            if (pair < 0) {
+                continue;
+            }
+            String thread = threadBySlot.getOrDefault(
+                    pairs.getInt(pair, TableLayout.THREADFRAME.field("threadIndexForTFI")), "<no thread>");
+            int frame = pairs.getInt(pair, TableLayout.THREADFRAME.field("frameID"));
+            sites.add(new Site(thread, pathOf(snapshot, frames, methods, frame), count,
+                    alloc.getLong(row, TableLayout.ALLOCINFO.field("size"))));
+        }
+    }
+
+    static List<String> pathOf(Snapshot snapshot, Table frames, Table methods, int frame) {
+        List<String> path = new ArrayList<>();
+        int guard = frames.size() + 1;
+        for (int current = frame; current > 0 && guard-- > 0; ) {
+            int row = frames.rowOf(current);
+            if (row < 0) {
+                path.add(0, "<missing frame " + current + ">");
+                break;
+            }
+            int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
+            String name = method < 0 ? "<unknown method>"
+                    : snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
+                            + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID")));
+            path.add(0, name);
+            current = frames.getInt(row, TableLayout.FRAME.field("parent"));
+        }
+        return path;
+    }
+
+    /** The sites whose path ends with these methods, one calling the next. */
+    List<Site> endingWith(String... methods) {
+        List<String> tail = Arrays.asList(methods);
+        return sites.stream().filter(s -> s.endsWith(tail)).collect(Collectors.toList());
+    }
+
+    long countEndingWith(String... methods) {
+        return endingWith(methods).stream().mapToLong(Site::count).sum();
+    }
+
+    long totalCount() {
+        return sites.stream().mapToLong(Site::count).sum();
+    }
+
+    @Override
+    public String toString() {
+        return sites.stream().map(Site::toString).collect(Collectors.joining("\n"));
+    }
+}
