@@ -8,6 +8,7 @@
 #include "agent/Options.h"
 #include "agent/StartReport.h"
 #include "db/DB.h"
+#include "engines/Generations.h"
 #include "engines/ObjectEnumerator.h"
 
 namespace AllocationRecording {
@@ -70,9 +71,8 @@ JNIEXPORT jboolean JNICALL Java_com_kestrix_runtime_Core_getAllocationRecordingS
   return ourAllocationRecordingSettings.mySizeLimitEnabled ? JNI_TRUE : JNI_FALSE;
 }
 
-JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_markMemory(JNIEnv*, jclass, jint, jstring) {
-  LockHolder holder(&ourLock, "AllocationRecording(73)");
-  // Object generations aren't recorded by this build: a mark has nothing to stamp yet.
+JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_markMemory(JNIEnv* env, jclass, jint type, jstring description) {
+  Generations::markMemory(env, type, createUTFKStringFromJString(env, description));
 }
 
 JNIEXPORT jint JNICALL Java_com_kestrix_runtime_Core_startAllocationRecording(JNIEnv* env, jclass,

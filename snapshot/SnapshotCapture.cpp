@@ -13,6 +13,7 @@
 #include "agent/Options.h"
 #include "db/DB.h"
 #include "db/StringPool.h"
+#include "engines/InstanceCounting.h"
 #include "engines/ThreadInfo.h"
 #include "engines/TracingGate.h"
 #include "snapshot/SnapshotFile.h"
@@ -112,6 +113,11 @@ class ThreadSuspension {
 
 bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, jlong flags, bool suspendThreads,
                            KString* error) {
+  // Counted before ourLock is taken: the heap walk needs no lock, and probes shouldn't wait for it.
+  InstanceCounting counting(env, ourDB, env != nullptr ? 1 << INSTANCECOUNTS_TABLE_ID : 0);
+  if (env != nullptr) {
+    counting.gatherClassInstanceStatistics(env);
+  }
   LockHolder holder(&ourLock, "SnapshotCapture(118)");
   TracingGate::Closure stillTracing;
   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -126,7 +132,7 @@ bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, j
   bool ok = true;
   {
     SnapshotWriter writer(fd, SNAPSHOT_BUFFER_SIZE, true);
-    writeSnapshot(env, ourDB, writer, progressHandle, flags);
+    writeSnapshot(env, ourDB, writer, progressHandle, flags, &counting);
     writer.flush();
     if (writer.getError() != nullptr) {
       *error = writer.getError();

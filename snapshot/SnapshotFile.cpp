@@ -38,7 +38,8 @@ void writeSnapshotHeader(jlong startTime, const KString& sessionName, SnapshotWr
   writer.writeString(sessionName.get());
 }
 
-void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHandle, jlong flags) {
+void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHandle, jlong flags,
+                   InstanceCounting* counting) {
   resetReportedProgress();
   if (ourContainsInvocations) {
     flags |= SNAPSHOT_WITH_COUNTS;
@@ -46,7 +47,7 @@ void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHan
   flags &= ~SNAPSHOT_WITH_HEAP;
   writeSnapshotHeader(db->myStartTime, db->mySessionName, writer, flags | SNAPSHOT_OIDS_ARE_INDICES, 4);
   updateProgress(progressHandle, PROGRESS_HEADER);
-  writeAllTables(env, db, writer, PROGRESS_TABLES_FROM, PROGRESS_TABLES_TO, progressHandle);
+  writeAllTables(env, db, writer, PROGRESS_TABLES_FROM, PROGRESS_TABLES_TO, progressHandle, counting);
   if (db == ourDB) {
     db->myStrPool->collectGarbageStrings();
   }

@@ -7,6 +7,7 @@
 #include "snapshot/SnapshotWriter.h"
 
 class DB;
+class InstanceCounting;
 
 // Snapshot flags: a 64-bit word in the file header and in SnapshotRecord.
 const jlong SNAPSHOT_WITH_HEAP = 1;
@@ -53,6 +54,7 @@ void writeSnapshotHeader(jlong startTime, const KString& sessionName, SnapshotWr
 //
 // This build writes no heap section: a request for one is dropped from the flags, so that the
 // header never announces a section that isn't there.
-void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHandle, jlong flags);
+void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHandle, jlong flags,
+                   InstanceCounting* counting = nullptr);
 
 #endif

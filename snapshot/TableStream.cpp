@@ -8,6 +8,7 @@
 #include "db/AbstractTable.h"
 #include "db/DB.h"
 #include "engines/Engine.h"
+#include "engines/InstanceCounting.h"
 #include "engines/ThreadInfo.h"
 #include "engines/Tracing.h"
 #include "engines/TracingGate.h"
@@ -36,9 +37,12 @@ void refreshThreadNames(JNIEnv* env) {
   deallocate(threads);
 }
 
-void updateDerivedData(JNIEnv* env, jint tableMask) {
+void updateDerivedData(JNIEnv* env, jint tableMask, InstanceCounting* counting) {
   if (env != nullptr && ourJVMTI != nullptr && !ourIsJRockit && (tableMask & (1 << THREAD_TABLE_ID)) != 0) {
     refreshThreadNames(env);
+  }
+  if (counting != nullptr) {
+    counting->updateDatabase();
   }
   forEachEngine([&](const Engine& engine) {
     if (engine.beforeTablesWritten != nullptr) {
@@ -64,9 +68,9 @@ void reopenOpenCalls() {
 }
 
 void writeTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint tableMask, jint progressFrom, jint progressTo,
-                 jint progressHandle, const jint* stamps, bool writeMarker) {
+                 jint progressHandle, const jint* stamps, bool writeMarker, InstanceCounting* counting) {
   if (db == ourDB) {
-    updateDerivedData(env, tableMask);
+    updateDerivedData(env, tableMask, counting);
   }
   installTableProgressReporter();
   jint step = (progressTo - progressFrom) / TABLE_COUNT;
@@ -84,11 +88,12 @@ void writeTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint tableMask, ji
 }
 
 void writeAllTables(JNIEnv* env, DB* db, AbstractWriter& writer, jint progressFrom, jint progressTo,
-                    jint progressHandle) {
-  writeTables(env, db, writer, ALL_TABLES_MASK, progressFrom, progressTo, progressHandle, nullptr, true);
+                    jint progressHandle, InstanceCounting* counting) {
+  writeTables(env, db, writer, ALL_TABLES_MASK, progressFrom, progressTo, progressHandle, nullptr, true, counting);
 }
 
-void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const jint* stamps) {
+void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const jint* stamps,
+                      InstanceCounting* counting) {
   LockHolder holder(&ourLock, "TableStream(71)");
   // The stamp moves on below: no probe may stamp a row with the old one after it was sent.
   TracingGate::Closure stillTracing;
@@ -97,7 +102,7 @@ void writeTableUpdate(JNIEnv* env, DB* db, int socketFD, jint tableMask, const j
   if (withCPU) {
     closeOpenCalls();
   }
-  writeTables(env, db, writer, tableMask, 0, 0, 0, stamps, false);
+  writeTables(env, db, writer, tableMask, 0, 0, 0, stamps, false, counting);
   writer.writeInt(-1);
   // Rows changed from now on carry a greater stamp than anything this update sent.
   db->myModificationStamp++;
@@ -115,5 +120,9 @@ extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_writeTables(JNIE
     env->GetIntArrayRegion(stamps, 0, length < TABLE_STAMP_COUNT ? length : TABLE_STAMP_COUNT, copy);
   }
   // The mask comes from the network: only tables that stream are written, whatever else it asks.
-  writeTableUpdate(env, ourDB, socketFD, tableMask & ALL_TABLES_MASK, copy);
+  tableMask &= ALL_TABLES_MASK;
+  // The heap walk of the counting runs before ourLock, so that probes wait only for the writing.
+  InstanceCounting counting(env, ourDB, tableMask);
+  counting.gatherClassInstanceStatistics(env);
+  writeTableUpdate(env, ourDB, socketFD, tableMask, copy, &counting);
 }

@@ -28,8 +28,17 @@ final class AllocationProfile {
     }
 
     final List<Site> sites = new ArrayList<>();
+    /** Live instances by class name, from the instance counts table. */
+    final Map<String, Long> instances = new HashMap<>();
 
     AllocationProfile(Snapshot snapshot) {
+        Table counts = snapshot.table(TableLayout.INSTANCECOUNTS);
+        for (int row = 0; row < counts.size(); row++) {
+            if (counts.stamp(row) > 0) {
+                instances.put(snapshot.string(counts.getInt(row, TableLayout.INSTANCECOUNTS.field("classNameStrID"))),
+                        (long) counts.getInt(row, TableLayout.INSTANCECOUNTS.field("count")));
+            }
+        }
         Map<Integer, String> threadBySlot = new HashMap<>();
         Table threads = snapshot.table(TableLayout.THREAD);
         for (int row = 0; row < threads.size(); row++) {
