@@ -121,6 +121,19 @@ jlong getExitSnapshotFlags(jlong status, bool onExitMemory, bool onExitSnapshot)
   return onExitMemory || (status & ALLOCATION_RECORDING_BIT) != 0 ? 1 : 0;
 }
 
+void stopListening(JNIEnv* env) {
+  if (ourClassCoreGlobalRef == nullptr) {
+    return;
+  }
+  jmethodID stop = env->GetStaticMethodID(ourClassCoreGlobalRef, "stopListening", "()V");
+  if (stop == nullptr) {
+    env->ExceptionClear();
+    return;
+  }
+  env->CallStaticVoidMethod(ourClassCoreGlobalRef, stop);
+  env->ExceptionClear();
+}
+
 void captureSnapshotOnExit(JNIEnv* env, jlong status) {
   jlong flags = getExitSnapshotFlags(status, ourOptions.myOnExitMemory, ourOptions.myOnExitSnapshot);
   if (flags == -1) {

@@ -20,6 +20,10 @@ bool isOptionalRuntimeClass(const char* name);
 // measurement is running, with heap for onexit=memory or running allocation recording.
 void captureSnapshotOnExit(JNIEnv* env, jlong status);
 
+// Closes the runtime's listening socket as the JVM dies, so that no thread of the agent waits
+// in native code when the JVM exits.
+void stopListening(JNIEnv* env);
+
 // The flags of the exit snapshot before the runtime adds the cause bit; -1 when none is due.
 jlong getExitSnapshotFlags(jlong status, bool onExitMemory, bool onExitSnapshot);
 

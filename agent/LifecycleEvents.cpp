@@ -52,6 +52,7 @@ void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env) {
   jlong status = ourStatus;
   ourVMDeathCalled = true;
   captureSnapshotOnExit(env, status);
+  stopListening(env);
   // The data dump event was never enabled; switching it off is kept as a harmless no-op.
   check_JVMTI_error(jvmti->SetEventNotificationMode(JVMTI_DISABLE, static_cast<jvmtiEvent>(71), nullptr));
 }

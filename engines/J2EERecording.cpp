@@ -11,6 +11,12 @@
 #include "instrument/J2EEHelper.h"
 
 void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
+  // Classes are still prepared while the JVM dies (java -version ends that way), when the JVM
+  // answers none of the questions below.
+  jvmtiPhase phase = currentPhase();
+  if (phase != JVMTI_PHASE_LIVE && phase != JVMTI_PHASE_START) {
+    return;
+  }
   jboolean isInterface = JNI_FALSE;
   check_JVMTI_error(ourJVMTI->IsInterface(klass, &isInterface));
   // An interface has no bodies for the J2EE probes to run in, so it is never marked.

@@ -13,6 +13,19 @@
 
 namespace {
 
+// The JVM's exit waits up to 300 ms for threads that run native code, and a thread in sleep()
+// does; one waiting on a raw monitor is blocked in the JVM's eyes, and the exit goes on.
+void pause(jvmtiEnv* jvmti, unsigned seconds) {
+  static jrawMonitorID ourPauseMonitor = nullptr;
+  if (ourPauseMonitor == nullptr && jvmti->CreateRawMonitor("kjp_oome_detector_pause", &ourPauseMonitor) != JVMTI_ERROR_NONE) {
+    sleep(seconds);
+    return;
+  }
+  jvmti->RawMonitorEnter(ourPauseMonitor);
+  jvmti->RawMonitorWait(ourPauseMonitor, static_cast<jlong>(seconds) * 1000);
+  jvmti->RawMonitorExit(ourPauseMonitor);
+}
+
 jlong fileSize(const char* path) {
   struct stat info;
   return stat(path, &info) == 0 ? static_cast<jlong>(info.st_size) : -1;
@@ -68,7 +81,7 @@ void oome_snapshot_detector(JNIEnv* env) {
       // The JVM may still be writing the dump: its identity is taken once its size holds.
       jlong size = fileSize(found.get());
       for (;;) {
-        sleep(OOME_POLL_SECONDS);
+        pause(ourJVMTI, OOME_POLL_SECONDS);
         jlong now = fileSize(found.get());
         if (now == size) {
           break;
@@ -78,7 +91,7 @@ void oome_snapshot_detector(JNIEnv* env) {
       sealSnapshotFile(found.get());
       return;
     }
-    sleep(OOME_POLL_SECONDS);
+    pause(ourJVMTI, OOME_POLL_SECONDS);
   }
 }
 

@@ -207,8 +207,10 @@ public final class Core {
             String snapshotDir = Unquoter.unquote(quotedAlternateSnapshotDir);
             ourSnapshotDir = snapshotDir == null ? Constants.SNAPSHOTS_DIR : new File(snapshotDir).getAbsoluteFile();
 
+            // The JVM's management beans take a JVM a good part of its start-up to set up; the
+            // telemetry thread brings them up, and asks for heap dumps at an OutOfMemoryError,
+            // once the application's own start is under way.
             new TelemetryThreadJVMTI().start();
-            OOMEDumper.enable();
 
             ServerSocket serverSocket = null;
             int port = predefinedAgentPort == -1 ? 0 : predefinedAgentPort;
@@ -244,11 +246,14 @@ public final class Core {
                 info("*** HINT ***: To get profiling results, connect to the application from the profiler UI");
             }
 
-            try {
-                setCaptureMemoryThreshold(usedMemoryInitialThreshold);
-            } catch (RuntimeException e) {
-                // Everything else works without the watch: say so, and let the application run.
-                info(e.getMessage());
+            // No threshold, no watch: the memory pools are looked at when a client sets one.
+            if (usedMemoryInitialThreshold != 0) {
+                try {
+                    setCaptureMemoryThreshold(usedMemoryInitialThreshold);
+                } catch (RuntimeException e) {
+                    // Everything else works without the watch: say so, and let the application run.
+                    info(e.getMessage());
+                }
             }
 
             if (profilerUIPath != null) {
@@ -341,11 +346,16 @@ public final class Core {
         return new ServerSocket(port);
     }
 
+    // The listening socket, once there is one; closed when the JVM dies.
+    private static volatile ServerSocket ourServerSocket;
+    private static volatile boolean ourListenerStopped;
+
     // One client at a time, for the life of the JVM: nothing a client sends may end the loop.
     private static void startRequestThread(final ServerSocket serverSocket) {
+        ourServerSocket = serverSocket;
         Thread listener = new Thread(new Runnable() {
             public void run() {
-                while (true) {
+                while (!ourListenerStopped) {
                     try {
                         serveOneClient(serverSocket);
                     } catch (Throwable ignored) {
@@ -593,6 +603,22 @@ public final class Core {
 
     private static String noWriteAccessMessage(File dir) {
         return "User " + System.getProperty("user.name") + " has no write access to the directory " + dir;
+    }
+
+    /**
+     * Called by the agent when the JVM dies: no more clients. A thread that waits in accept is
+     * in native code, and the JVM's exit waits up to 300 ms for such threads before it goes on.
+     */
+    public static void stopListening() {
+        ourListenerStopped = true;
+        ServerSocket socket = ourServerSocket;
+        if (socket != null) {
+            try {
+                socket.close();
+            } catch (Throwable ignored) {
+                // nothing to do while the JVM dies
+            }
+        }
     }
 
     /** Called by the agent when the JVM dies and a snapshot is wanted. */

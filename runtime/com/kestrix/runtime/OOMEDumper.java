@@ -2,6 +2,8 @@ package com.kestrix.runtime;
 
 import java.io.File;
 import java.lang.management.ManagementFactory;
+import java.lang.reflect.InvocationTargetException;
+import java.lang.reflect.Method;
 
 import javax.management.MBeanServer;
 import javax.management.ObjectName;
@@ -30,7 +32,7 @@ final class OOMEDumper {
             return false;
         }
         try {
-            if (!getServer().isRegistered(new ObjectName(OBJECT_NAME))) {
+            if (bean() == null && !getServer().isRegistered(new ObjectName(OBJECT_NAME))) {
                 ourBeanExists = false;
             }
         } catch (Throwable e) {
@@ -43,14 +45,57 @@ final class OOMEDumper {
         return ManagementFactory.getPlatformMBeanServer();
     }
 
+    private static final String BEAN_INTERFACE = "com.sun.management.HotSpotDiagnosticMXBean";
+    private static Object ourBean;
+    private static boolean ourBeanLookedUp;
+
+    /**
+     * The bean itself, where the JVM hands it out without the platform MBean server (Java 7 and
+     * later); null otherwise. Starting that server registers every platform bean and costs a JVM
+     * a good part of its start-up, which the agent has no reason to add when all it wants is one
+     * VM option.
+     */
+    private static synchronized Object bean() {
+        if (!ourBeanLookedUp) {
+            ourBeanLookedUp = true;
+            try {
+                Method getter = ManagementFactory.class.getMethod("getPlatformMXBean", Class.class);
+                ourBean = getter.invoke(null, Class.forName(BEAN_INTERFACE));
+            } catch (Throwable e) {
+                ourBean = null;
+            }
+        }
+        return ourBean;
+    }
+
+    /** Calls the bean's method, on the bean where there is one, else through the MBean server. */
+    private static Object call(String method, Object[] arguments, Class<?>[] types) throws Exception {
+        Object bean = bean();
+        if (bean != null) {
+            try {
+                return Class.forName(BEAN_INTERFACE).getMethod(method, types).invoke(bean, arguments);
+            } catch (InvocationTargetException e) {
+                Throwable cause = e.getCause();
+                throw cause instanceof Exception ? (Exception) cause : e;
+            }
+        }
+        String[] signature = new String[types.length];
+        for (int i = 0; i < types.length; i++) {
+            signature[i] = types[i].getName();
+        }
+        return getServer().invoke(new ObjectName(OBJECT_NAME), method, arguments, signature);
+    }
+
     static String getVMOption(String name) {
         if (!ourBeanExists) {
             return null;
         }
         try {
-            Object option = getServer().invoke(new ObjectName(OBJECT_NAME), "getVMOption", new Object[] {name},
-                    new String[] {String.class.getName()});
-            return (String) ((CompositeData) option).get("value");
+            Object option = call("getVMOption", new Object[] {name}, new Class<?>[] {String.class});
+            if (option instanceof CompositeData) {
+                return (String) ((CompositeData) option).get("value");
+            }
+            return (String) option.getClass().getMethod("getValue").invoke(option);
         } catch (Throwable e) {
             ourBeanExists = false;
             return null;
@@ -62,8 +107,7 @@ final class OOMEDumper {
             return false;
         }
         try {
-            getServer().invoke(new ObjectName(OBJECT_NAME), "setVMOption", new Object[] {name, value},
-                    new String[] {String.class.getName(), String.class.getName()});
+            call("setVMOption", new Object[] {name, value}, new Class<?>[] {String.class, String.class});
             return true;
         } catch (Throwable e) {
             ourBeanExists = false;
@@ -108,7 +152,6 @@ final class OOMEDumper {
         if (file.exists()) {
             file.delete();
         }
-        getServer().invoke(new ObjectName(OBJECT_NAME), "dumpHeap", new Object[] {path, Boolean.FALSE},
-                new String[] {String.class.getName(), boolean.class.getName()});
+        call("dumpHeap", new Object[] {path, Boolean.FALSE}, new Class<?>[] {String.class, boolean.class});
     }
 }

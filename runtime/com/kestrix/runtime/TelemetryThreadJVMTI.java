@@ -23,6 +23,8 @@ final class TelemetryThreadJVMTI extends Thread {
     /** Prefix of the native methods the agent wraps; their frames are folded in dumps. */
     static final String NATIVE_WRAPPER_PREFIX = "$$KJP$$";
     private static final long PERIOD_MS = 1000;
+    // Short-lived JVMs end before it: they never pay for the management beans.
+    private static final long FIRST_PASS_DELAY_MS = 300;
     // The deadlock search is costly: one pass in this many does it.
     private static final int DEADLOCK_CHECK_PERIOD = 5;
 
@@ -36,6 +38,12 @@ final class TelemetryThreadJVMTI extends Thread {
     }
 
     public void run() {
+        try {
+            Thread.sleep(FIRST_PASS_DELAY_MS);
+        } catch (InterruptedException e) {
+            return;
+        }
+        OOMEDumper.enable();
         int[] constants = new int[TelemetryRecord.TELEC_FIELD_COUNT];
         int[] values = new int[TelemetryRecord.TELE_FIELD_COUNT];
         while (true) {

@@ -65,6 +65,18 @@ class AgentStartupTest {
 
     @ParameterizedTest
     @MethodSource("jdks")
+    void javaVersionEndsNormallyUnderTheAgentWithEveryEngineOn(Path jdk) throws Exception {
+        // The JVM prepares classes while it dies after printing its version, when JVMTI
+        // answers no questions about them; every mode is on, so every engine hears of them.
+        for (String options : new String[] {"quiet", "quiet,tracing,alloc,monitors"}) {
+            Jvm.Result result = Jvm.run(jdk, 120, Jvm.agentArgument(options), "-version");
+            assertEquals(0, result.exitCode, options + ": " + result);
+            assertTrue(result.stderr.contains("64-Bit Server VM"), result.toString());
+        }
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
     void reportLineNamesTheJvmtiVersionAndTheJvm(Path jdk) throws Exception {
         Jvm.Result result = runHello(jdk, null);
         assertEquals(0, result.exitCode, result.toString());

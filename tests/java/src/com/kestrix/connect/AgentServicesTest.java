@@ -26,6 +26,8 @@ class AgentServicesTest {
     @MethodSource("jdks")
     void telemetryRowsArriveOnceASecondWithPlausibleValues(Path jdk, @TempDir Path dir) throws Exception {
         try (LiveAgent agent = LiveAgent.start(jdk, dir, null)) {
+            // A collector may show no heap in use until a few regions are full: the program fills some.
+            agent.command("grow 1", 60);
             List<long[]> rows = new ArrayList<>();
             int stamp = 0;
             long end = System.nanoTime() + 4_500_000_000L;

@@ -70,7 +70,13 @@ class ProtocolRobustnessTest {
             TableUpdate first;
             TableUpdate second;
             try (AgentClient client = AgentClient.connect("localhost", agent.port())) {
+                // Telemetry begins a moment after start-up: the first full update is the first
+                // that has some.
                 first = client.updateTables(ALL_TABLES, null);
+                for (int i = 0; i < 60 && first.rows(TableLayout.TELE.id).isEmpty(); i++) {
+                    Thread.sleep(500);
+                    first = client.updateTables(ALL_TABLES, null);
+                }
                 // The telemetry thread adds a row a second: the next update has something new.
                 Thread.sleep(2500);
                 int[] stamps = new int[32];
