@@ -1,6 +1,7 @@
 #!/bin/bash
 # Does the agent hold up over time? A JVM under the agent with sampling and allocation
-# recording starts and ends 200 threads a second; a client connects anew every second for a
+# recording starts and ends 200 threads a second (its heap committed and touched from the start,
+# so that resident memory shows the rest of the process); a client connects anew every second for a
 # table update; the agent captures a snapshot every 10 s; telemetry runs. Once a minute it
 # prints the JVM's resident memory, its open file descriptors, the size of the agent's database
 # and of the snapshots. It fails when an update or a capture failed, or when, after the first
@@ -37,7 +38,7 @@ kjp() { "$java_home/bin/java" -cp "$tools" com.kestrix.tools.kjp.Kjp connect "lo
 
 seconds=$((minutes * 60))
 mkdir -p "$work/snapshots"
-"$java_home/bin/java" "-agentpath:$agent=sampling,alloceach=100,dir=$work/snapshots" -Xmx512m \
+"$java_home/bin/java" "-agentpath:$agent=sampling,alloceach=100,dir=$work/snapshots" -Xms256m -Xmx256m -XX:+AlwaysPreTouch \
     -cp "$work/classes" com.kestrix.bench.Soak $((seconds + 60)) > "$work/jvm.out" 2> "$work/jvm.err" &
 jvm=$!
 for _ in $(seq 600); do
