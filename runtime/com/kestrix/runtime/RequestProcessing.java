@@ -20,6 +20,8 @@ import com.kestrix.Constants;
 final class RequestProcessing {
     private static final int TRANSFER_BUFFER_SIZE = 65536;
     private static final int TABLE_COUNT = 32;
+    private static final int MIN_USED_MEMORY_THRESHOLD = 50;
+    private static final int MAX_USED_MEMORY_THRESHOLD = 90;
 
     /*
      * The listener serves one client at a time, and every read below blocks. Without a limit a
@@ -389,6 +391,11 @@ final class RequestProcessing {
         int threshold = Packet.readInt(in);
         if (threshold < 0 || threshold > 99) {
             writeError(out, "Bad threshold value: " + threshold + ". Should not be more than 99; 0 means turn off");
+            return;
+        }
+        // The same rule as the usedmem= option: a threshold that low or that high is no use.
+        if (threshold != 0 && (threshold < MIN_USED_MEMORY_THRESHOLD || threshold > MAX_USED_MEMORY_THRESHOLD)) {
+            writeError(out, "usedmem parameter is invalid; should be an integer in the range 50..90");
             return;
         }
         try {

@@ -68,6 +68,18 @@ class RequestProcessingTest {
     }
 
     @Test
+    void thresholdsOutsideTheRangeOfTheOptionAreRefusedAsTheOptionIs() throws IOException {
+        for (int threshold : new int[] {1, 5, 49, 91, 95, 99}) {
+            DataInputStream in = dispatch(out -> {
+                Packet.writeHeader(out, Protocol.PACKET_SET_CAPTURE_ON_MEM_THRESHOLD_REQ);
+                Packet.writeInt(out, threshold);
+            });
+            assertEquals("usedmem parameter is invalid; should be an integer in the range 50..90", readError(in),
+                    String.valueOf(threshold));
+        }
+    }
+
+    @Test
     void sequenceCarriesSeveralRequestsAndItsEndAloneIsHarmless() throws IOException {
         DataInputStream lone = dispatch(out -> Packet.writeHeader(out, Protocol.PACKET_PACKET_SEQUENCE_END));
         assertEquals(-1, lone.read(), "no frame at all");
