@@ -63,11 +63,27 @@ const char* const USAGE_LINES[] = {
     "disablealloc       do not instrument bytecode for object allocation recording",
     "disablecounts      do not instrument bytecode for CPU tracing",
     "disablej2ee        do not instrument bytecode for J2EE profiling",
-    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes",
-    "                   the code of every throw, which costs throw-heavy programs dearly",
     "disablestacktelemetry",
     "                   do not collect thread stack and status information",
     "quiet              suppress diagnostic messages",
+    "help               print this usage and stop the JVM",
+    "tmpdir=<dir>       directory for the agent's temporary jar (by default /tmp)",
+    "samplingperiod=<ms>",
+    "                   time between two CPU samples (by default 20)",
+    "alloc              startup with object allocation recording of every allocation",
+    "allocadaptive      startup with object allocation recording of every 10th allocation",
+    "                   and of every object of at least 1 MB",
+    "onexit=snapshot    always capture a snapshot (without heap) on exit",
+    "filters=<file>     the methods that tracing folds into their callers (see the README)",
+    "walltimespec=<file>",
+    "                   the methods that are timed by the wall clock (see the README)",
+    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes",
+    "                   the code of every throw, which costs throw-heavy programs dearly",
+    "sessionname=<name> name of the session in snapshot names and in the profiler",
+    "delay=<ms>         start the agent's runtime that much later",
+    "withdebugger       leave out what conflicts with a debugger in the same JVM",
+    "profileruipath=<path>, ideport=<port>",
+    "                   a profiler UI to launch at start-up and the IDE port it talks to",
     "",
     "Please find detailed description in the Help section \"Startup options\":",
     "https://github.com/kestrix/kjpagent#startup-options",
@@ -448,10 +464,20 @@ bool Options::parseOption(const char* token) {
   } else if ((value = valueOf(option, "ideport=")) != nullptr) {
     myIdePort = atoi(value);
   } else if ((value = valueOf(option, "samplingperiod=")) != nullptr) {
-    mySamplingPeriod = atoi(value);
-    if (mySamplingPeriod < 0) {
+    int period = atoi(value);
+    if (period < 0) {
       return reportError("%s: sampling period is invalid\n\n");
     }
+    // A period of 0 would make the sampler wait for good: the default stays, and the user hears why.
+    char* end = nullptr;
+    long parsed = strtol(value, &end, 10);
+    if (end == value || *end != 0 || parsed <= 0 || parsed > 1000000) {
+      fprintf(stderr, KJP_LOG_PREFIX "*** Warning ***: 'samplingperiod=%s' is not a number of milliseconds from 1 to 1000000; %d ms is used\n",
+              value, DEFAULT_SAMPLING_PERIOD_MS);
+      fflush(stderr);
+      period = DEFAULT_SAMPLING_PERIOD_MS;
+    }
+    mySamplingPeriod = period;
   } else {
     return reportError("%s: unknown option '%s'\n\n", option);
   }

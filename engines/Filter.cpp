@@ -1,6 +1,8 @@
 #include "engines/Filter.h"
 
+#include <errno.h>
 #include <pwd.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -86,11 +88,18 @@ void parseLine(const KString& line, jint type) {
 }
 
 // Reads a file named by an option and frees the option's text: the option is consumed once.
-bool readOptionFile(char** optionPath, KString* text) {
+// The file an option names; a file that can't be read is said so, and the defaults serve.
+bool readOptionFile(const char* optionName, char** optionPath, KString* text) {
   if (*optionPath == nullptr) {
     return false;
   }
   FILE* file = fopen(*optionPath, "r");
+  if (file == nullptr) {
+    const char* reason = getEnglishErrorMessage(errno);
+    fprintf(stderr, KJP_LOG_PREFIX "*** Warning ***: '%s=%s' cannot be read (%s); the defaults are used\n", optionName,
+            *optionPath, reason != nullptr ? reason : "unknown error");
+    fflush(stderr);
+  }
   delete[] *optionPath;
   *optionPath = nullptr;
   if (file == nullptr) {
@@ -148,7 +157,7 @@ KString Filter::readWallTimeSpecFromFile(FILE* file) {
 
 KString Filter::readFilterSpecOnStartup() {
   KString text;
-  if (readOptionFile(&ourOptions.myFilters, &text)) {
+  if (readOptionFile("filters", &ourOptions.myFilters, &text)) {
     return text;
   }
   return readFilterSpecFromFile(nullptr);
@@ -156,7 +165,7 @@ KString Filter::readFilterSpecOnStartup() {
 
 KString Filter::readWallTimeSpecOnStartup() {
   KString text;
-  if (readOptionFile(&ourOptions.myWallTimeSpec, &text)) {
+  if (readOptionFile("walltimespec", &ourOptions.myWallTimeSpec, &text)) {
     return text;
   }
   return readWallTimeSpecFromFile(nullptr);

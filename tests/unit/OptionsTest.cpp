@@ -45,11 +45,27 @@ const std::string USAGE =
     "disablealloc       do not instrument bytecode for object allocation recording\n"
     "disablecounts      do not instrument bytecode for CPU tracing\n"
     "disablej2ee        do not instrument bytecode for J2EE profiling\n"
-    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes\n"
-    "                   the code of every throw, which costs throw-heavy programs dearly\n"
     "disablestacktelemetry\n"
     "                   do not collect thread stack and status information\n"
     "quiet              suppress diagnostic messages\n"
+    "help               print this usage and stop the JVM\n"
+    "tmpdir=<dir>       directory for the agent's temporary jar (by default /tmp)\n"
+    "samplingperiod=<ms>\n"
+    "                   time between two CPU samples (by default 20)\n"
+    "alloc              startup with object allocation recording of every allocation\n"
+    "allocadaptive      startup with object allocation recording of every 10th allocation\n"
+    "                   and of every object of at least 1 MB\n"
+    "onexit=snapshot    always capture a snapshot (without heap) on exit\n"
+    "filters=<file>     the methods that tracing folds into their callers (see the README)\n"
+    "walltimespec=<file>\n"
+    "                   the methods that are timed by the wall clock (see the README)\n"
+    "disableexceptions  do not count exceptions: a JVM that may report them deoptimizes\n"
+    "                   the code of every throw, which costs throw-heavy programs dearly\n"
+    "sessionname=<name> name of the session in snapshot names and in the profiler\n"
+    "delay=<ms>         start the agent's runtime that much later\n"
+    "withdebugger       leave out what conflicts with a debugger in the same JVM\n"
+    "profileruipath=<path>, ideport=<port>\n"
+    "                   a profiler UI to launch at start-up and the IDE port it talks to\n"
     "\n"
     "Please find detailed description in the Help section \"Startup options\":\n"
     "https://github.com/kestrix/kjpagent#startup-options\n"
@@ -240,7 +256,6 @@ TEST_F(OptionsTest, NumericValuesAreRangeChecked) {
       {"delay=-1", "'delay' is invalid"},
       {"delay=0", nullptr},
       {"samplingperiod=-1", "sampling period is invalid"},
-      {"samplingperiod=0", nullptr},
       {"alloceach=0", "'alloceach' value is invalid"},
       {"alloceach=x", "'alloceach' value is invalid"},
       {"alloceach=1", nullptr},
@@ -256,6 +271,17 @@ TEST_F(OptionsTest, NumericValuesAreRangeChecked) {
       EXPECT_EQ(errorOutput(c.message), result.out) << c.option;
     }
     EXPECT_EQ("", result.err) << c.option;
+  }
+
+  // A sampling period the sampler can't use is taken, with a warning, as the default: 0 would
+  // make it wait for good.
+  for (const char* period : {"samplingperiod=0", "samplingperiod=abc", "samplingperiod=5ms", "samplingperiod="}) {
+    ParseResult result = parseFresh(period);
+    EXPECT_TRUE(result.accepted) << period;
+    EXPECT_EQ(20, myOptions->mySamplingPeriod) << period;
+    EXPECT_EQ(std::string("[Kestrix Java Profiler 8.0.1] *** Warning ***: '") + period +
+                  "' is not a number of milliseconds from 1 to 1000000; 20 ms is used\n",
+              result.err);
   }
 
   // Values are read like atoi: digits up to the first other character.

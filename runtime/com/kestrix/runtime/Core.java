@@ -244,6 +244,8 @@ public final class Core {
             }
             if (profilerUIPath == null) {
                 info("*** HINT ***: To get profiling results, connect to the application from the profiler UI");
+                info("*** HINT ***: Or from a terminal: kjp connect " + (agentHost == null ? "localhost" : agentHost) + ":"
+                        + ourPort + " status");
             }
 
             // No threshold, no watch: the memory pools are looked at when a client sets one.

@@ -77,6 +77,23 @@ class AgentStartupTest {
 
     @ParameterizedTest
     @MethodSource("jdks")
+    void optionFilesThatCannotBeReadAreNamedAndTheDefaultsServe(Path jdk) throws Exception {
+        Jvm.Result result = runHello(jdk, "tracing,filters=/nonexistent/filters,walltimespec=/nonexistent/walltime");
+        assertEquals(0, result.exitCode, result.toString());
+        assertTrue(result.stdout.startsWith("hello from"), result.toString());
+        for (String option : new String[] {"filters=/nonexistent/filters", "walltimespec=/nonexistent/walltime"}) {
+            assertTrue(result.stderr.contains("[Kestrix Java Profiler 8.0.1] *** Warning ***: '" + option
+                    + "' cannot be read (No such file or directory); the defaults are used\n"), result.toString());
+        }
+        // The hint names the command line client and the port.
+        java.util.regex.Matcher port = java.util.regex.Pattern.compile("listening on port (\\d+)").matcher(result.stderr);
+        assertTrue(port.find(), result.toString());
+        assertTrue(result.stderr.contains("[Kestrix Java Profiler 8.0.1] *** HINT ***: Or from a terminal: kjp connect localhost:"
+                + port.group(1) + " status\n"), result.toString());
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
     void reportLineNamesTheJvmtiVersionAndTheJvm(Path jdk) throws Exception {
         Jvm.Result result = runHello(jdk, null);
         assertEquals(0, result.exitCode, result.toString());
