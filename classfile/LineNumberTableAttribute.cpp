@@ -31,7 +31,11 @@ void LineNumberTableAttribute::writeTo(DataOutput& out) const {
 void LineNumberTableAttribute::shiftLineNumbers(int lengthAddedAtStart) {
   KASSERT(lengthAddedAtStart >= 0);
   for (int i = 0; i < myLineNumbers.size(); i++) {
-    myLineNumbers[i].myStartPc += lengthAddedAtStart;
+    // The line that began the method begins it still: a stack trace taken inside the code put
+    // in front shows the method's first line rather than none.
+    if (myLineNumbers[i].myStartPc != 0) {
+      myLineNumbers[i].myStartPc += lengthAddedAtStart;
+    }
   }
 }
 

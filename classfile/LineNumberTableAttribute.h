@@ -21,7 +21,8 @@ class LineNumberTableAttribute : public AttributeInfo {
 
   const KVector<LineNumber>& getLineNumbers() const { return myLineNumbers; }
 
-  // Code was put in front of the old code: every line moves back by that much.
+  // Code was put in front of the old code: every line moves back by that much, but for the
+  // line at offset 0, which now covers the new code too.
   void shiftLineNumbers(int lengthAddedAtStart);
   // Code moved: indices[i] is the new offset of old offset i.
   void shiftLineNumbers(const int* indices);

@@ -22,6 +22,7 @@ import com.kestrix.api.TelemetryRecord;
 final class TelemetryThreadJVMTI extends Thread {
     /** Prefix of the native methods the agent wraps; their frames are folded in dumps. */
     static final String NATIVE_WRAPPER_PREFIX = "$$KJP$$";
+    private static final String CALLBACK_CLASS = "com.kestrix.runtime.Callback";
     private static final long PERIOD_MS = 1000;
     // Short-lived JVMs end before it: they never pay for the management beans.
     private static final long FIRST_PASS_DELAY_MS = 300;
@@ -209,12 +210,16 @@ final class TelemetryThreadJVMTI extends Thread {
     /**
      * The stack as the program sees it. A wrapped native method shows as two frames: the native
      * under its prefixed name, then the Java wrapper under the method's own name. They become
-     * one frame with the wrapper's class, method and file, and the native frame's line.
+     * one frame with the wrapper's class, method and file, and the native frame's line. A thread
+     * caught inside a probe shows no frame of the agent's callback class.
      */
     static StackTraceElementRes[] foldNativeWrappers(StackTraceElement[] stack) {
         List<StackTraceElementRes> frames = new ArrayList<StackTraceElementRes>(stack.length);
         for (int i = 0; i < stack.length; i++) {
             StackTraceElement frame = stack[i];
+            if (CALLBACK_CLASS.equals(frame.getClassName())) {
+                continue;
+            }
             if (frame.getMethodName().startsWith(NATIVE_WRAPPER_PREFIX) && i + 1 < stack.length) {
                 StackTraceElement wrapper = stack[i + 1];
                 frames.add(new StackTraceElementRes(wrapper.getClassName(), wrapper.getMethodName(),

@@ -158,8 +158,10 @@ class RequestProcessingTest {
     }
 
     @Test
-    void nativeWrapperFramesAreFolded() {
+    void nativeWrapperFramesAreFoldedAndProbeFramesLeftOut() {
         StackTraceElement[] stack = {
+            new StackTraceElement("com.kestrix.runtime.Callback", "kjpMethodEntry0", null, -2),
+            new StackTraceElement("com.kestrix.runtime.Callback", "kjpMethodEntry", null, 31),
             new StackTraceElement("java.io.FileInputStream", "$$KJP$$readBytes", null, -2),
             new StackTraceElement("java.io.FileInputStream", "readBytes", "FileInputStream.java", 12),
             new StackTraceElement("app.Main", "main", "Main.java", 7),
