@@ -45,8 +45,7 @@ namespace Generations {
 
 jint getCurrentGenerationID() { return ourCurrentGenerationID; }
 
-void markMemory(JNIEnv* env, jint type, const KString& description) {
-  LockHolder holder(&ourLock, "Generations(48)");
+jint startGeneration(jint type, const KString& description) {
   DBTable<GenerationRecord>* table = ourDB->myGenerationTable;
   jint generation = table->getIndexPool().nextIndex();
   ourCurrentGenerationID = generation;
@@ -55,6 +54,12 @@ void markMemory(JNIEnv* env, jint type, const KString& description) {
   record->myDescriptionStrID = ourDB->myStrPool->getDBIndex(description.get(), true);
   record->myUptimeMs = ourUptimeProvider.getUptimeMs();
   record->myModificationStamp = ourDB->myModificationStamp;
+  return generation;
+}
+
+void markMemory(JNIEnv* env, jint type, const KString& description) {
+  LockHolder holder(&ourLock, "Generations(48)");
+  jint generation = startGeneration(type, description);
   // Every object, tagged or not: the walk that visits each once at a safepoint.
   jvmtiHeapCallbacks callbacks;
   memset(&callbacks, 0, sizeof(callbacks));

@@ -18,6 +18,11 @@ jint getCurrentGenerationID();
 // Takes ourLock, and walks the heap under it.
 void markMemory(JNIEnv* env, jint type, const KString& description);
 
+// The row of a new generation, now the current one, without marking any object: for a caller
+// that visits every object itself anyway (a heap dump) and marks them as it goes. Caller holds
+// ourLock.
+jint startGeneration(jint type, const KString& description);
+
 }  // namespace Generations
 
 #endif

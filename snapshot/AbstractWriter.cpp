@@ -22,6 +22,22 @@ void AbstractWriter::writeByte(int value) {
   myBuffer[myNumberOfBufferedChars++] = static_cast<char>(value & 0xFF);
 }
 
+void AbstractWriter::writeBytes(const void* bytes, jlong count) {
+  const char* from = static_cast<const char*>(bytes);
+  while (count > 0) {
+    if (myNumberOfBufferedChars == myBufferCapacity) {
+      flush();
+      KASSERT(myNumberOfBufferedChars == 0);
+    }
+    jlong room = myBufferCapacity - myNumberOfBufferedChars;
+    jint chunk = static_cast<jint>(count < room ? count : room);
+    memcpy(myBuffer + myNumberOfBufferedChars, from, static_cast<size_t>(chunk));
+    myNumberOfBufferedChars += chunk;
+    from += chunk;
+    count -= chunk;
+  }
+}
+
 void AbstractWriter::writeShort(int value) {
   writeByte(value);
   writeByte(value >> 8);

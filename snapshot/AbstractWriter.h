@@ -30,6 +30,8 @@ class AbstractWriter {
   void writeLong(jlong value);
   void writeFloat(float value);
   void writeDouble(double value);
+  // Raw bytes as they are, for data that is in the file's byte order already.
+  void writeBytes(const void* bytes, jlong count);
   // An object id: 4 bytes when OIDs are ints, else 8.
   void writeOID(jlong oid);
   // Int length and the bytes, without terminator; null is length -1 and no bytes.

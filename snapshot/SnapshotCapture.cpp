@@ -132,7 +132,14 @@ bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, j
   bool ok = true;
   {
     SnapshotWriter writer(fd, SNAPSHOT_BUFFER_SIZE, true);
-    writeSnapshot(env, ourDB, writer, progressHandle, flags, &counting);
+    // The snapshot's name is what follows the last slash (or backslash) of its path.
+    const char* name = path;
+    for (const char* c = path; *c != 0; c++) {
+      if (*c == '/' || *c == '\\') {
+        name = c + 1;
+      }
+    }
+    writeSnapshot(env, ourDB, writer, progressHandle, flags, &counting, name);
     writer.flush();
     if (writer.getError() != nullptr) {
       *error = writer.getError();

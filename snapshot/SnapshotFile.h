@@ -52,9 +52,10 @@ void writeSnapshotHeader(jlong startTime, const KString& sessionName, SnapshotWr
 // agent's own database, the collection of strings that no record refers to any more (which
 // must come after the tables, so that the file holds every string its rows name).
 //
-// This build writes no heap section: a request for one is dropped from the flags, so that the
-// header never announces a section that isn't there.
+// With SNAPSHOT_WITH_HEAP, the heap of the live JVM comes between header and tables (see
+// MemorySnapshot.h), its generation named after 'snapshotName'. Any other database has no heap to
+// dump: the flag is dropped then, so that the header never announces a section that isn't there.
 void writeSnapshot(JNIEnv* env, DB* db, SnapshotWriter& writer, jint progressHandle, jlong flags,
-                   InstanceCounting* counting = nullptr);
+                   InstanceCounting* counting = nullptr, const char* snapshotName = nullptr);
 
 #endif

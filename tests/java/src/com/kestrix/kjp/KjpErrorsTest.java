@@ -99,13 +99,16 @@ class KjpErrorsTest {
         assertOneLineError(kjp("report", damaged.toString()), 1, "kjp: " + damaged + ": the file is damaged: byte 0x07 at "
                 + "offset " + firstTag + " where a table (tag 42) was expected");
 
-        byte[] heap = whole.clone();
-        heap[firstTag] = 25;
+        // A heap section of one object whose first record has a tag no record has.
+        byte[] heapStart = {25, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 99};
+        byte[] heap = new byte[whole.length + heapStart.length];
+        System.arraycopy(whole, 0, heap, 0, firstTag);
+        System.arraycopy(heapStart, 0, heap, firstTag, heapStart.length);
+        System.arraycopy(whole, firstTag, heap, firstTag + heapStart.length, whole.length - firstTag);
         Path withHeap = dir.resolve("heap.snapshot");
         Files.write(withHeap, heap);
-        assertOneLineError(kjp("report", withHeap.toString()), 1, "kjp: " + withHeap + ": the snapshot holds a heap dump "
-                + "(section at offset " + firstTag + "), which this version of kjp cannot read; it reads snapshots "
-                + "without heap");
+        assertOneLineError(kjp("report", withHeap.toString()), 1, "kjp: " + withHeap + ": the file is damaged: "
+                + "unknown heap record tag 99 at offset " + (firstTag + 13));
     }
 
     @Test

@@ -7,11 +7,18 @@ public final class Snapshot {
     private final Path myFile;
     private final SnapshotHeader myHeader;
     private final Table[] myTables;
+    private final HeapDump myHeap;
 
-    Snapshot(Path file, SnapshotHeader header, Table[] tables) {
+    Snapshot(Path file, SnapshotHeader header, Table[] tables, HeapDump heap) {
         myFile = file;
         myHeader = header;
         myTables = tables;
+        myHeap = heap;
+    }
+
+    /** The heap dump, or null for a snapshot without heap. */
+    public HeapDump heap() {
+        return myHeap;
     }
 
     public Path file() {

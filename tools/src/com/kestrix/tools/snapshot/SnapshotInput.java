@@ -67,6 +67,20 @@ final class SnapshotInput {
         return low | high << 32;
     }
 
+    /** Passes over the next bytes. */
+    void skip(long length) throws IOException {
+        long left = length;
+        while (left > 0) {
+            if (myPosition == myLimit && !fill()) {
+                throw new EOFException();
+            }
+            int n = (int) Math.min(left, myLimit - myPosition);
+            myPosition += n;
+            myOffset += n;
+            left -= n;
+        }
+    }
+
     void readFully(byte[] target, int length) throws IOException {
         int done = 0;
         while (done < length) {

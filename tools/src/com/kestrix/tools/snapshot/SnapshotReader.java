@@ -56,8 +56,8 @@ public final class SnapshotReader {
         try {
             SnapshotHeader header = readHeader();
             Table[] tables = new Table[TableLayout.TABLE_COUNT];
-            readSections(header, tables);
-            return new Snapshot(myFile, header, tables);
+            HeapDump heap = readSections(header, tables);
+            return new Snapshot(myFile, header, tables, heap);
         } catch (EOFException e) {
             throw new SnapshotFormatException(
                     "the file is truncated: it ends after " + myFileSize + " bytes, in " + myPlace);
@@ -115,21 +115,29 @@ public final class SnapshotReader {
                 + "snapshot signature \"Kestrix Java Profiler snapshot, \"");
     }
 
-    private void readSections(SnapshotHeader header, Table[] tables) throws IOException {
+    /** The tables into 'tables'; the heap, or null when the file has none. */
+    private HeapDump readSections(SnapshotHeader header, Table[] tables) throws IOException {
+        HeapDump heap = null;
         while (true) {
             myPlace = "the table stream";
             if (myIn.atEnd()) {
-                return;
+                return heap;
             }
             long tagOffset = myIn.offset();
             int tag = myIn.readByte();
             if (tag == INDEX_TAG) {
                 // The analysis index that ends a re-saved snapshot; the tables are complete here.
-                return;
+                return heap;
             }
-            if (tag == HEAP_TAG) {
-                throw new SnapshotFormatException("the snapshot holds a heap dump (section at offset " + tagOffset
-                        + "), which this version of kjp cannot read; it reads snapshots without heap");
+            if (tag == HEAP_TAG && heap == null) {
+                myPlace = "the heap dump";
+                HeapReader reader = new HeapReader(myIn, myFileSize, header.oidWidth());
+                heap = reader.read();
+                if (!reader.endedAtTable()) {
+                    return heap;
+                }
+                readTable(tables, myIn.offset() - 1);
+                continue;
             }
             if (tag != TABLE_TAG) {
                 throw new SnapshotFormatException("the file is damaged: byte " + describeByte(tag) + " at offset "
