@@ -214,6 +214,16 @@ public final class AgentClient implements Closeable {
         return new long[] {Packet.readLong(myIn), Packet.readLong(myIn)};
     }
 
+    /** Starts a new generation of the heap with this description. */
+    public void markMemory(String description) throws IOException {
+        DataOutputStream out = begin(Protocol.PACKET_MARK_MEMORY_REQ);
+        // The type of a mark a user asks for; captures mark with type 1.
+        Packet.writeInt(out, 0);
+        Packet.writeString(out, description);
+        out.flush();
+        expectOk();
+    }
+
     public int memoryThreshold() throws IOException {
         send(Protocol.PACKET_GET_CAPTURE_ON_MEM_THRESHOLD_REQ);
         expectOk();

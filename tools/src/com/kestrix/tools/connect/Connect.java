@@ -55,6 +55,8 @@ public final class Connect {
             "  fetch PATH [-o FILE]          copy a snapshot the agent wrote to this machine, compressed",
             "  threads                       a dump of the JVM's threads with their stacks",
             "  gc                            run the garbage collector; used heap before and after",
+            "  mark [DESCRIPTION]            start a new generation of the heap: objects alive now get the",
+            "                                current one, which heap dumps show",
             "  clear cpu|alloc|monitors|exceptions",
             "                                drop what was recorded so far",
             "  threshold [PERCENT]           show, or set, the used-heap percentage at which a",
@@ -239,6 +241,17 @@ public final class Connect {
                             + " freed)");
                 }
                 break;
+            case "mark": {
+                if (myArgs.size() > 1) {
+                    throw new UsageException("mark takes at most one description (quote it if it has blanks)");
+                }
+                String description = myArgs.isEmpty() ? "Marked by kjp" : myArgs.get(0);
+                try (AgentClient client = connect()) {
+                    client.markMemory(description);
+                }
+                myOut.println("Heap marked: " + description);
+                break;
+            }
             case "clear":
                 clear();
                 break;

@@ -90,6 +90,23 @@ final class CallTree {
         }
     }
 
+    /**
+     * For figures recorded at the frame where they arose (allocations), added to 'myTotal' while
+     * the tree was built: they become the own figures, and the totals their sums over each
+     * subtree.
+     */
+    void computeTotalsFromOwn() {
+        myOwn = Arrays.copyOf(myTotal, mySize);
+        myTotal = new long[myFrame.length];
+        // Children always come after their parents, so one backward pass sums bottom-up.
+        for (int node = mySize - 1; node >= 0; node--) {
+            myTotal[node] += myOwn[node];
+            if (myParent[node] >= 0) {
+                myTotal[myParent[node]] += myTotal[node];
+            }
+        }
+    }
+
     /** The sum of own times, which is what the tree's threads spent in all. */
     long totalOwnTime() {
         long sum = 0;

@@ -18,7 +18,21 @@ final class Collapsed {
         /** Own CPU time in nanoseconds. */
         TIME,
         /** Invocations of the path's last method. */
-        COUNT
+        COUNT,
+        /** Bytes of the recorded objects the path's last method allocated. */
+        ALLOC_BYTES,
+        /** Number of recorded objects the path's last method allocated. */
+        ALLOC_COUNT;
+
+        /** Whether the figures come from allocation recording instead of CPU profiling. */
+        boolean isAllocation() {
+            return this == ALLOC_BYTES || this == ALLOC_COUNT;
+        }
+
+        /** Whether the own figure is the tree's own amount (time, bytes) rather than its count. */
+        boolean isAmount() {
+            return this == TIME || this == ALLOC_BYTES;
+        }
     }
 
     /** Frames deeper than this are folded, unless the caller says otherwise. */
@@ -83,7 +97,7 @@ final class Collapsed {
     }
 
     private static long value(CallTree tree, Value value, int node) {
-        return value == Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+        return value.isAmount() ? tree.myOwn[node] : tree.myCount[node];
     }
 
     /** The sum of the values of all nodes below 'node', walked without recursion. */

@@ -60,7 +60,7 @@ final class FlameGraph {
         Json data = new Json().beginObject()
                 .field("title", title)
                 .field("subtitle", subtitle)
-                .field("unit", myValue == Collapsed.Value.TIME ? "ns" : "calls")
+                .field("unit", unit(myValue))
                 .field("omitted", myOmitted);
         data.name("names").beginArray();
         for (String name : myNames) {
@@ -77,11 +77,24 @@ final class FlameGraph {
     }
 
     /** Per node: its own value plus its descendants', consistent by construction. */
+    private static String unit(Collapsed.Value value) {
+        switch (value) {
+            case TIME:
+                return "ns";
+            case ALLOC_BYTES:
+                return "bytes";
+            case ALLOC_COUNT:
+                return "objects";
+            default:
+                return "calls";
+        }
+    }
+
     private long[] widths(CallTree tree) {
         long[] w = new long[tree.size()];
         // Children always come after their parents, so one backward pass sums bottom-up.
         for (int node = tree.size() - 1; node > 0; node--) {
-            w[node] += myValue == Collapsed.Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+            w[node] += myValue.isAmount() ? tree.myOwn[node] : tree.myCount[node];
             w[tree.myParent[node]] += w[node];
         }
         return w;
@@ -104,7 +117,7 @@ final class FlameGraph {
                 myOmitted++;
                 continue;
             }
-            long self = myValue == Collapsed.Value.TIME ? tree.myOwn[node] : tree.myCount[node];
+            long self = myValue.isAmount() ? tree.myOwn[node] : tree.myCount[node];
             int page = addNode(entry[1], myProfile.methodName(tree.myMethod[node]), KIND_METHOD, self, w[node],
                     tree.myCount[node]);
             int[] children = Collapsed.childrenByName(myProfile, tree, node);
@@ -200,7 +213,7 @@ final class FlameGraph {
               function nameOf(i) { return names[raw[i * 6 + 1]]; }
               function amount(v) {
                 return unit === "ns" ? (v / 1e6).toLocaleString("en-US", {minimumFractionDigits: 1, maximumFractionDigits: 1}) + " ms"
-                                     : v.toLocaleString("en-US") + " calls";
+                                     : v.toLocaleString("en-US") + " " + unit;
               }
               function percent(v) { return total > 0 ? (100 * v / total).toFixed(2) + "%" : "-"; }
               function describe(i) {
@@ -209,6 +222,7 @@ final class FlameGraph {
                 if (raw[i * 6 + 2] === 2) {
                   text += ", self " + amount(self);
                   if (count > 0 && unit === "ns") { text += ", " + count.toLocaleString("en-US") + " invocations"; }
+                  if (count > 0 && unit === "bytes") { text += ", " + count.toLocaleString("en-US") + " objects"; }
                 }
                 return text;
               }

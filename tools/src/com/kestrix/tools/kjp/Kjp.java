@@ -38,6 +38,8 @@ public final class Kjp {
             "  report     the session, its threads, CPU hot spots and the hottest call paths",
             "  flame      an interactive flame graph: one self-contained HTML page (needs -o)",
             "  collapsed  folded stacks, one call path a line, as flame-graph tools and speedscope read them",
+            "  alloc      recorded allocations: objects and bytes by allocating method and by call path",
+            "  heap       the heap dump: objects, classes, GC roots, the class histogram and the generations",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
             "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
@@ -45,12 +47,14 @@ public final class Kjp {
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
             "  --thread NAME         only threads of this name (may be given more than once)",
-            "  --format text|json    report: plain text (default) or JSON for scripts",
-            "  --top N               report: methods in each hot-spot table (default 20)",
-            "  --paths N             report: hottest call paths to show (default 10)",
-            "  --by-thread           report: figures for each thread instead of all threads together",
+            "  --format text|json    report, alloc, heap: plain text (default) or JSON for scripts",
+            "  --top N               report, alloc: methods in each hot-spot table; heap: classes (default 20)",
+            "  --paths N             report, alloc: hottest call paths to show (default 10)",
+            "  --by-thread           report, alloc: figures for each thread instead of all threads together",
+            "  --class NAME          heap: where the live objects of this class were allocated",
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
-            "  --value time|count    flame, collapsed: own CPU time in nanoseconds (default) or invocations",
+            "  --value VALUE         flame, collapsed: time (own CPU time in nanoseconds, the default), count",
+            "                        (invocations), alloc-bytes or alloc-count (recorded allocations)",
             "  --min-percent P       flame: leave out frames narrower than P percent of the total (default 0.01)",
             "  --max-depth N         collapsed: fold frames deeper than N into one \"[deeper frames]\" frame (default 1024)",
             "  -h, --help            show this text",
@@ -80,6 +84,7 @@ public final class Kjp {
         Collapsed.Value value = Collapsed.Value.TIME;
         double minPercent = 0.01;
         int maxDepth = Collapsed.DEFAULT_MAX_DEPTH;
+        String className;
         final Set<String> threads = new LinkedHashSet<>();
     }
 
@@ -153,6 +158,10 @@ public final class Kjp {
                 throw new SnapshotFormatException("has no thread named '" + name + "'");
             }
         }
+        if (a.value.isAllocation() && !profile.hasAllocations()) {
+            throw new SnapshotFormatException("has no recorded allocations: they are recorded while allocation "
+                    + "recording runs (-agentlib:kjpagent=alloc, or kjp connect HOST:PORT start-alloc)");
+        }
         if (a.value == Collapsed.Value.COUNT && !profile.hasCounts()) {
             throw new SnapshotFormatException("has no invocation counts: they are recorded with tracing, not sampling");
         }
@@ -170,14 +179,34 @@ public final class Kjp {
                     }
                     break;
                 }
+                case "alloc": {
+                    AllocReport report = new AllocReport(profile, a.top, a.paths, a.byThread, a.threads);
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer));
+                    }
+                    break;
+                }
+                case "heap": {
+                    HeapReport report = new HeapReport(profile, a.top, a.className);
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer));
+                    }
+                    break;
+                }
                 case "collapsed":
-                    Collapsed.write(profile, profile.callTrees(a.merged, a.threads), a.value, a.maxDepth, writer);
+                    Collapsed.write(profile, trees(profile, a), a.value, a.maxDepth, writer);
                     break;
                 case "flame": {
-                    List<CallTree> trees = profile.callTrees(a.merged, a.threads);
+                    List<CallTree> trees = trees(profile, a);
                     String session = snapshot.header().sessionName();
                     String title = "Flame graph: " + (session.isEmpty() ? snapshot.file().getFileName() : session);
-                    String subtitle = (a.value == Collapsed.Value.TIME ? "CPU time" : "invocations")
+                    String subtitle = valueName(a.value)
                             + (a.merged ? ", all threads merged" : ", by thread") + " - "
                             + snapshot.file().getFileName();
                     new FlameGraph(profile, a.value, a.minPercent).write(trees, title, subtitle, writer);
@@ -186,6 +215,24 @@ public final class Kjp {
                 default:
                     throw new IllegalStateException(a.command);
             }
+        }
+    }
+
+    private static List<CallTree> trees(Profile profile, Arguments a) throws SnapshotFormatException {
+        return a.value.isAllocation() ? profile.allocationTrees(a.merged, a.threads)
+                : profile.callTrees(a.merged, a.threads);
+    }
+
+    private static String valueName(Collapsed.Value value) {
+        switch (value) {
+            case TIME:
+                return "CPU time";
+            case COUNT:
+                return "invocations";
+            case ALLOC_BYTES:
+                return "allocated bytes";
+            default:
+                return "allocated objects";
         }
     }
 
@@ -241,14 +288,22 @@ public final class Kjp {
                 case "--merged":
                     a.merged = true;
                     break;
+                case "--class":
+                    a.className = value(args, ++i, arg);
+                    break;
                 case "--value": {
                     String v = value(args, ++i, arg).toLowerCase(Locale.ROOT);
                     if (v.equals("time")) {
                         a.value = Collapsed.Value.TIME;
                     } else if (v.equals("count")) {
                         a.value = Collapsed.Value.COUNT;
+                    } else if (v.equals("alloc-bytes")) {
+                        a.value = Collapsed.Value.ALLOC_BYTES;
+                    } else if (v.equals("alloc-count")) {
+                        a.value = Collapsed.Value.ALLOC_COUNT;
                     } else {
-                        throw new UsageException("--value must be time or count, not '" + v + "'");
+                        throw new UsageException("--value must be time, count, alloc-bytes or alloc-count, not '" + v
+                                + "'");
                     }
                     break;
                 }
@@ -292,13 +347,20 @@ public final class Kjp {
         if (a.command.equals("flame") && a.output == null) {
             throw new UsageException("flame writes an HTML page: name it with -o FILE.html");
         }
-        if (!a.command.equals("report") && (a.byThread || !a.format.equals("text"))) {
-            throw new UsageException("--by-thread and --format belong to report");
+        boolean reportLike = a.command.equals("report") || a.command.equals("alloc");
+        if (!reportLike && a.byThread) {
+            throw new UsageException("--by-thread belongs to report and alloc");
+        }
+        if (!reportLike && !a.command.equals("heap") && !a.format.equals("text")) {
+            throw new UsageException("--format belongs to report, alloc and heap");
+        }
+        if (!a.command.equals("heap") && a.className != null) {
+            throw new UsageException("--class belongs to heap");
         }
         if (!a.command.equals("collapsed") && a.maxDepth != Collapsed.DEFAULT_MAX_DEPTH) {
             throw new UsageException("--max-depth belongs to collapsed");
         }
-        if (a.command.equals("report") && (a.merged || a.value != Collapsed.Value.TIME)) {
+        if ((reportLike || a.command.equals("heap")) && (a.merged || a.value != Collapsed.Value.TIME)) {
             throw new UsageException("--merged and --value belong to flame and collapsed");
         }
         return a;
@@ -306,7 +368,8 @@ public final class Kjp {
 
     private static void positional(Arguments a, String arg) throws UsageException {
         if (a.command == null) {
-            if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed")) {
+            if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed") && !arg.equals("alloc")
+                    && !arg.equals("heap")) {
                 throw new UsageException("unknown command '" + arg + "'");
             }
             a.command = arg;

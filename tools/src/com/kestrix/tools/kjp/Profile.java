@@ -95,10 +95,68 @@ final class Profile {
      * a single tree of all of them. 'threadNames', when not empty, selects threads by name.
      */
     List<CallTree> callTrees(boolean merged, Set<String> threadNames) throws SnapshotFormatException {
-        Table cpu = mySnapshot.table(TableLayout.CPUPROFILING);
+        List<CallTree> trees = trees(merged, threadNames, TableLayout.CPUPROFILING, "time", "count");
+        for (CallTree tree : trees) {
+            tree.computeOwnTimes();
+        }
+        return trees;
+    }
+
+    /**
+     * The same for recorded allocations: bytes as the amount ('myOwn' at the allocating frame,
+     * 'myTotal' with the callees) and the number of objects allocated at each frame as the count.
+     */
+    List<CallTree> allocationTrees(boolean merged, Set<String> threadNames) throws SnapshotFormatException {
+        List<CallTree> trees = trees(merged, threadNames, TableLayout.ALLOCINFO, "size", "count");
+        for (CallTree tree : trees) {
+            tree.computeTotalsFromOwn();
+        }
+        return trees;
+    }
+
+    /** Whether the snapshot holds any recorded allocation. */
+    boolean hasAllocations() {
+        Table alloc = mySnapshot.table(TableLayout.ALLOCINFO);
+        int countField = TableLayout.ALLOCINFO.field("count");
+        for (int row = 0; row < alloc.size(); row++) {
+            if (alloc.stamp(row) > 0 && alloc.getLong(row, countField) > 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /** The call tree of a frame's path alone, for naming it: the methods from the frame to the root. */
+    List<Integer> methodsLeafFirst(int frame) {
+        List<Integer> methods = new ArrayList<>();
+        int guard = myFrames.size() + 1;
+        for (int current = frame; current > 0 && guard-- > 0; ) {
+            int row = myFrames.rowOf(current);
+            if (row < 0) {
+                break;
+            }
+            methods.add(myFrames.getInt(row, myFrameCallee));
+            current = myFrames.getInt(row, myFrameParent);
+        }
+        return methods;
+    }
+
+    /** The thread of a running number, or null. */
+    ThreadEntry threadByNumber(int runningNumber) {
+        for (ThreadEntry thread : myThreads) {
+            if (thread.runningNumber() == runningNumber) {
+                return thread;
+            }
+        }
+        return null;
+    }
+
+    private List<CallTree> trees(boolean merged, Set<String> threadNames, TableLayout layout, String amount,
+            String number) throws SnapshotFormatException {
+        Table cpu = mySnapshot.table(layout);
         Table pairs = mySnapshot.table(TableLayout.THREADFRAME);
-        int timeField = TableLayout.CPUPROFILING.field("time");
-        int countField = TableLayout.CPUPROFILING.field("count");
+        int timeField = layout.field(amount);
+        int countField = layout.field(number);
         int slotField = TableLayout.THREADFRAME.field("threadIndexForTFI");
         int frameField = TableLayout.THREADFRAME.field("frameID");
 
@@ -154,9 +212,6 @@ final class Profile {
                     trees.add(tree);
                 }
             }
-        }
-        for (CallTree tree : trees) {
-            tree.computeOwnTimes();
         }
         return trees;
     }
