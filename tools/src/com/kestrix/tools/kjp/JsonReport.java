@@ -38,6 +38,29 @@ final class JsonReport {
                 .field("threadsWithData", report.myThreadsWithCpu)
                 .endObject();
 
+        // Present only when the snapshot has such rows, as the text report's lines are.
+        LockReport locks = report.myLocks;
+        if (!locks.mySections.isEmpty()) {
+            json.name("locks").beginObject();
+            for (LockReport.Kind kind : LockReport.Kind.values()) {
+                LockReport.Section section = locks.section(kind);
+                json.name(kind.many).beginObject().field("timeNs", section == null ? 0 : section.timeNs())
+                        .field("count", section == null ? 0 : section.count()).endObject();
+            }
+            json.name("recordingDurationNs");
+            if (locks.myDurationNs == null) {
+                json.value((String) null);
+            } else {
+                json.value(locks.myDurationNs);
+            }
+            json.endObject();
+        }
+        ExceptionReport exceptions = report.myExceptions;
+        if (exceptions.myThrown > 0) {
+            json.name("exceptions").beginObject().field("thrown", exceptions.myThrown)
+                    .field("classes", exceptions.myClasses).field("uncaught", exceptions.myUncaught).endObject();
+        }
+
         json.name("threads").beginArray();
         for (Report.ThreadLine line : report.myThreads) {
             json.beginObject()

@@ -40,6 +40,9 @@ public final class Kjp {
             "  collapsed  folded stacks, one call path a line, as flame-graph tools and speedscope read them",
             "  alloc      recorded allocations: objects and bytes by allocating method and by call path",
             "  heap       the heap dump: objects, classes, GC roots, the class histogram and the generations",
+            "  locks      monitor contention: blocks, parks on java.util.concurrent locks and waits, by lock class,",
+            "             by call path and by owner thread, with times and counts",
+            "  exceptions exceptions counted: by class, by throwing path and by catching path (or uncaught)",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
             "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
@@ -47,9 +50,10 @@ public final class Kjp {
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
             "  --thread NAME         only threads of this name (may be given more than once)",
-            "  --format text|json    report, alloc, heap: plain text (default) or JSON for scripts",
-            "  --top N               report, alloc: methods in each hot-spot table; heap: classes (default 20)",
-            "  --paths N             report, alloc: hottest call paths to show (default 10)",
+            "  --format text|json    report, alloc, heap, locks, exceptions: plain text (default) or JSON for scripts",
+            "  --top N               report, alloc: methods in each hot-spot table; heap: classes; locks,",
+            "                        exceptions: lines of each class and thread list (default 20)",
+            "  --paths N             report, alloc, locks, exceptions: call paths to show (default 10)",
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
             "  --class NAME          heap: where the live objects of this class were allocated",
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
@@ -191,6 +195,26 @@ public final class Kjp {
                 }
                 case "heap": {
                     HeapReport report = new HeapReport(profile, a.top, a.className);
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer));
+                    }
+                    break;
+                }
+                case "locks": {
+                    LockReport report = new LockReport(profile, a.threads, a.top, a.paths);
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer));
+                    }
+                    break;
+                }
+                case "exceptions": {
+                    ExceptionReport report = new ExceptionReport(profile, a.threads, a.top, a.paths);
                     if (a.format.equals("json")) {
                         writer.write(report.renderJson());
                         writer.write('\n');
@@ -351,8 +375,9 @@ public final class Kjp {
         if (!reportLike && a.byThread) {
             throw new UsageException("--by-thread belongs to report and alloc");
         }
-        if (!reportLike && !a.command.equals("heap") && !a.format.equals("text")) {
-            throw new UsageException("--format belongs to report, alloc and heap");
+        boolean lockOrException = a.command.equals("locks") || a.command.equals("exceptions");
+        if (!reportLike && !lockOrException && !a.command.equals("heap") && !a.format.equals("text")) {
+            throw new UsageException("--format belongs to report, alloc, heap, locks and exceptions");
         }
         if (!a.command.equals("heap") && a.className != null) {
             throw new UsageException("--class belongs to heap");
@@ -360,7 +385,7 @@ public final class Kjp {
         if (!a.command.equals("collapsed") && a.maxDepth != Collapsed.DEFAULT_MAX_DEPTH) {
             throw new UsageException("--max-depth belongs to collapsed");
         }
-        if ((reportLike || a.command.equals("heap")) && (a.merged || a.value != Collapsed.Value.TIME)) {
+        if ((reportLike || lockOrException || a.command.equals("heap")) && (a.merged || a.value != Collapsed.Value.TIME)) {
             throw new UsageException("--merged and --value belong to flame and collapsed");
         }
         return a;
@@ -369,7 +394,7 @@ public final class Kjp {
     private static void positional(Arguments a, String arg) throws UsageException {
         if (a.command == null) {
             if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed") && !arg.equals("alloc")
-                    && !arg.equals("heap")) {
+                    && !arg.equals("heap") && !arg.equals("locks") && !arg.equals("exceptions")) {
                 throw new UsageException("unknown command '" + arg + "'");
             }
             a.command = arg;

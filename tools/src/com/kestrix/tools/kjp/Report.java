@@ -38,11 +38,16 @@ final class Report {
     /** CPU time of all selected threads. */
     final long myCpuNs;
     final int myThreadsWithCpu;
+    /** Totals of monitor profiling and exception telemetry, for a line each when there are any. */
+    final LockReport myLocks;
+    final ExceptionReport myExceptions;
 
     Report(Profile profile, Settings settings) throws SnapshotFormatException {
         myProfile = profile;
         myHeader = profile.header();
         mySettings = settings;
+        myLocks = new LockReport(profile, settings.threadNames(), 0, 0);
+        myExceptions = new ExceptionReport(profile, settings.threadNames(), 0, 0);
         List<CallTree> perThread = profile.callTrees(false, settings.threadNames());
         Map<Profile.ThreadEntry, Long> cpuByThread = new HashMap<>();
         long cpu = 0;

@@ -44,6 +44,7 @@ final class TextReport {
                     + (myReport.myThreadsWithCpu == 1 ? " thread" : " threads");
         }
         field("CPU", cpu);
+        writeLocksAndExceptions();
         writeThreads();
         if (myReport.mySections.isEmpty()) {
             myOut.println();
@@ -58,6 +59,22 @@ final class TextReport {
 
     private void field(String name, String value) {
         myOut.println(Format.padRight(name, 10) + value);
+    }
+
+    /** A line each for monitor contention and exceptions, only when the snapshot has some. */
+    private void writeLocksAndExceptions() {
+        String locks = myReport.myLocks.summaryLine();
+        String exceptions = myReport.myExceptions.summaryLine();
+        if (locks == null && exceptions == null) {
+            return;
+        }
+        myOut.println();
+        if (locks != null) {
+            myOut.println(locks);
+        }
+        if (exceptions != null) {
+            myOut.println(exceptions);
+        }
     }
 
     private void writeThreads() {
