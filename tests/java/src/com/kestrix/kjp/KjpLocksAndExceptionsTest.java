@@ -38,6 +38,9 @@ class KjpLocksAndExceptionsTest {
             s.monitor(3, 3, 4, "java.lang.Object", 100_000_000L, 1);
             s.monitor(5, 3, 2, "com.example.Cache", 50_000_000L, 2);
             s.monitor(4, 8, 3, "com.example.Gate", 10_000_000L, 1);
+            // Blocks whose monitor was free again when the agent asked for its owner: booked as
+            // the blocked thread's own, yet not waits.
+            s.monitor(3, 3, 3, "java.lang.Object", 40_000_000L, 2);
             s.monitor(3, 5, 4, "java.util.concurrent.locks.ReentrantLock$NonfairSync", 700_000_000L, 7);
             s.monitor(2, 7, 0, "java.util.concurrent.Semaphore$NonfairSync", 20_000_000L, 4);
             s.monitor(2, 6, 2, "java.lang.Object", 2_000_000_000L, 1);
@@ -96,17 +99,17 @@ class KjpLocksAndExceptionsTest {
                 "",
                 "Session   Synthetic",
                 "Captured  <time>, JVM exit",
-                "Recorded  blocked 460.0 ms in 7 blocks, parked 720.0 ms in 11 parks, waiting 2.00 s in 1 wait,"
+                "Recorded  blocked 500.0 ms in 9 blocks, parked 720.0 ms in 11 parks, waiting 2.00 s in 1 wait,"
                         + " in a 12.50 s recording",
                 "",
-                "Blocks on synchronized monitors, all threads (460.0 ms in 7 blocks)",
+                "Blocks on synchronized monitors, all threads (500.0 ms in 9 blocks)",
                 "      Time      %  Count  Monitor class",
-                "  400.0 ms  87.0%      4  java.lang.Object",
-                "   50.0 ms  10.9%      2  com.example.Cache",
-                "   10.0 ms   2.2%      1  com.example.Gate",
+                "  440.0 ms  88.0%      6  java.lang.Object",
+                "   50.0 ms  10.0%      2  com.example.Cache",
+                "   10.0 ms   2.0%      1  com.example.Gate",
                 "",
                 "      Time  Count  Path",
-                "  450.0 ms      6  com.example.App.update(int)",
+                "  490.0 ms      8  com.example.App.update(int)",
                 "                   <- com.example.App.work()",
                 "                   <- com.example.App.main(String[])",
                 "   10.0 ms      1  com.example.LockSupport.park()",
@@ -114,9 +117,10 @@ class KjpLocksAndExceptionsTest {
                 "                   <- com.example.App.main(String[])",
                 "",
                 "      Time      %  Count  Owner thread",
-                "  400.0 ms  87.0%      4  holder (#4)",
-                "   50.0 ms  10.9%      2  main (#2)",
-                "   10.0 ms   2.2%      1  worker (#3)",
+                "  400.0 ms  80.0%      4  holder (#4)",
+                "   50.0 ms  10.0%      2  main (#2)",
+                "   40.0 ms   8.0%      2  (no owner known)",
+                "   10.0 ms   2.0%      1  worker (#3)",
                 "",
                 "Parks on java.util.concurrent locks, all threads (720.0 ms in 11 parks)",
                 "      Time      %  Count  Lock class",
@@ -155,9 +159,9 @@ class KjpLocksAndExceptionsTest {
                 file.toString()).out().replaceAll("\"captureTime\":\"[^\"]*\"", "\"captureTime\":\"<time>\"");
         assertEquals("{\"file\":\"" + file + "\",\"session\":\"Synthetic\",\"captureTime\":\"<time>\","
                 + "\"recordingDurationNs\":12500000000,"
-                + "\"blocks\":{\"timeNs\":150000000,\"count\":3,"
-                + "\"byClass\":[{\"class\":\"java.lang.Object\",\"timeNs\":100000000,\"count\":1}],"
-                + "\"byPath\":[{\"timeNs\":150000000,\"count\":3,\"methodsLeafFirst\":[\"com.example.App.update(int)\","
+                + "\"blocks\":{\"timeNs\":190000000,\"count\":5,"
+                + "\"byClass\":[{\"class\":\"java.lang.Object\",\"timeNs\":140000000,\"count\":3}],"
+                + "\"byPath\":[{\"timeNs\":190000000,\"count\":5,\"methodsLeafFirst\":[\"com.example.App.update(int)\","
                 + "\"com.example.App.work()\",\"com.example.App.main(String[])\"]}],"
                 + "\"byOwner\":[{\"owner\":\"holder\",\"ownerRunningNumber\":4,\"timeNs\":100000000,\"count\":1}]},"
                 + "\"parks\":{\"timeNs\":700000000,\"count\":7,"
@@ -227,15 +231,15 @@ class KjpLocksAndExceptionsTest {
         Path file = fullSnapshot(dir);
         String text = ok("report", file.toString()).out();
         assertTrue(text.contains("CPU       no CPU data recorded\n\n"
-                + "Locks: blocked 460.0 ms in 7 blocks, parked 720.0 ms in 11 parks, waiting 2.00 s in 1 wait,"
+                + "Locks: blocked 500.0 ms in 9 blocks, parked 720.0 ms in 11 parks, waiting 2.00 s in 1 wait,"
                 + " in a 12.50 s recording; see kjp locks\n"
                 + "Exceptions: 1,507 thrown (2 classes), 2 uncaught; see kjp exceptions\n\nThreads (5)\n"), text);
         String worker = ok("report", "--thread", "worker", file.toString()).out();
-        assertTrue(worker.contains("\nLocks: blocked 150.0 ms in 3 blocks, parked 700.0 ms in 7 parks,"
+        assertTrue(worker.contains("\nLocks: blocked 190.0 ms in 5 blocks, parked 700.0 ms in 7 parks,"
                 + " in a 12.50 s recording; see kjp locks\n"
                 + "Exceptions: 502 thrown (2 classes), 2 uncaught; see kjp exceptions\n"), worker);
         String json = ok("report", "--format", "json", file.toString()).out();
-        assertTrue(json.contains(",\"locks\":{\"blocks\":{\"timeNs\":460000000,\"count\":7},"
+        assertTrue(json.contains(",\"locks\":{\"blocks\":{\"timeNs\":500000000,\"count\":9},"
                 + "\"parks\":{\"timeNs\":720000000,\"count\":11},\"waits\":{\"timeNs\":2000000000,\"count\":1},"
                 + "\"recordingDurationNs\":12500000000},"
                 + "\"exceptions\":{\"thrown\":1507,\"classes\":2,\"uncaught\":2},\"threads\":["), json);

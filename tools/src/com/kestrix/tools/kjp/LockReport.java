@@ -115,6 +115,11 @@ final class LockReport {
             int owner = table.getInt(row, ownerField);
             long time = Math.max(0, table.getLong(row, timeField));
             Kind kind = kindOf(frame, thread, owner);
+            if (kind == Kind.BLOCK && owner == thread) {
+                // The monitor was let go before the agent asked who held it; the agent then names
+                // the blocked thread itself, which is no owner at all.
+                owner = 0;
+            }
             totals.computeIfAbsent(kind, k -> new Sum()).add(time, count);
             String className = profile.snapshot().string(table.getInt(row, classField));
             byClass.computeIfAbsent(kind, k -> new HashMap<>())
@@ -151,22 +156,31 @@ final class LockReport {
     }
 
     /**
-     * A park is told by its call path, which ends in LockSupport; a wait by its owner, since a
-     * thread in Object.wait owns the monitor it waits on; everything else is a contended enter.
+     * A park is told by its call path, which ends in LockSupport. A wait is owned by the waiting
+     * thread, since a thread in Object.wait owns the monitor it waits on, and its path ends in
+     * Object.wait (wait0 on newer JVMs). The owner alone doesn't tell: a contended enter whose
+     * monitor was released before the agent asked for the owner is booked with the blocked
+     * thread as owner too, and under heavy contention that is a good share of the blocks.
      */
     private Kind kindOf(int frame, int thread, int owner) {
         List<Integer> methods = myProfile.methodsLeafFirst(frame);
+        String name = "";
         if (!methods.isEmpty()) {
             String leaf = myProfile.methodName(methods.get(0));
             int paren = leaf.indexOf('(');
-            String name = paren < 0 ? leaf : leaf.substring(0, paren);
-            if (name.equals("java.util.concurrent.locks.LockSupport.park")
-                    || name.equals("java.util.concurrent.locks.LockSupport.parkNanos")
-                    || name.equals("java.util.concurrent.locks.LockSupport.parkUntil")) {
-                return Kind.PARK;
-            }
+            name = paren < 0 ? leaf : leaf.substring(0, paren);
         }
-        return owner == thread ? Kind.WAIT : Kind.BLOCK;
+        switch (name) {
+            case "java.util.concurrent.locks.LockSupport.park":
+            case "java.util.concurrent.locks.LockSupport.parkNanos":
+            case "java.util.concurrent.locks.LockSupport.parkUntil":
+                return Kind.PARK;
+            case "java.lang.Object.wait":
+            case "java.lang.Object.wait0":
+                return owner == thread ? Kind.WAIT : Kind.BLOCK;
+            default:
+                return Kind.BLOCK;
+        }
     }
 
     private List<String> methodNames(int frame) {
