@@ -2,6 +2,7 @@ package com.kestrix.memory;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -133,6 +134,47 @@ class HeapDumpTest {
         assertEquals("main", heap.threadNames.get(allocator.thread()));
         long recordedNodes = nodes.stream().filter(n -> heap.allocators.containsKey(n.oid)).count();
         assertEquals(100_000, recordedNodes);
+    }
+
+    /** Waits for one snapshot whose name has the text, and reads it. */
+    private static HeapFile awaitSnapshot(LiveAgent agent, String nameContains) throws Exception {
+        long end = System.nanoTime() + 60_000_000_000L;
+        while (agent.snapshots(nameContains).isEmpty() && System.nanoTime() < end) {
+            Thread.sleep(200);
+        }
+        List<Path> found = agent.snapshots(nameContains);
+        assertFalse(found.isEmpty(), "no " + nameContains + " snapshot\n" + agent);
+        // The file is complete once the agent has logged it.
+        agent.awaitStderr("Snapshot is saved to " + found.get(0), 60);
+        return HeapFile.read(found.get(0));
+    }
+
+    @ParameterizedTest
+    @MethodSource("com.kestrix.test.Jvm#jdks")
+    void automaticCapturesCarryTheHeap(Path jdk, @TempDir Path dir) throws Exception {
+        try (LiveAgent agent = LiveAgent.start(jdk, dir, "onexit=memory", "-Xmx96m")) {
+            agent.kjpOk("threshold", "50");
+            agent.command("grow 70", 120);
+            HeapFile lowMemory = awaitSnapshot(agent, "low-memory");
+            assertTrue((lowMemory.flags & Constants.SNAPSHOT_CAUSE_LOW_MEMORY) != 0);
+            assertTrue((lowMemory.flags & Constants.SNAPSHOT_WITH_HEAP) != 0);
+            assertEquals(null, lowMemory.problems());
+            assertTrue(lowMemory.instancesOf("byte[]").size() > 100);
+
+            agent.kjpOk("periodic", "1", "1");
+            HeapFile periodic = awaitSnapshot(agent, "periodic");
+            agent.kjpOk("periodic", "off");
+            assertTrue((periodic.flags & Constants.SNAPSHOT_CAUSE_PERIODIC) != 0);
+            assertEquals(null, periodic.problems());
+            assertEquals(0, agent.exit(60), agent.toString());
+        }
+        HeapFile exit;
+        try (var files = java.nio.file.Files.list(dir)) {
+            exit = HeapFile.read(files.filter(f -> f.toString().endsWith("-shutdown.snapshot")).findFirst()
+                    .orElseThrow(() -> new AssertionError("no exit snapshot")));
+        }
+        assertTrue((exit.flags & Constants.SNAPSHOT_WITH_HEAP) != 0);
+        assertEquals(null, exit.problems());
     }
 
     @ParameterizedTest
