@@ -44,7 +44,7 @@ public final class Kjp {
             "             by call path and by owner thread, with times and counts",
             "  exceptions exceptions counted: by class, by throwing path and by catching path (or uncaught)",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
-            "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|clear|",
+            "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|mark|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
             "",
             "Options:",
