@@ -3,7 +3,8 @@ package com.kestrix.programs;
 /**
  * Allocates a known number of objects at known call paths, then ends: args[0] small objects of
  * Blob in makeBlobs (called from main through allocateAll), args[1] byte arrays of 2 MiB in
- * makeBigArrays. Everything it makes stays reachable until the end, so that a heap dump at exit
+ * makeBigArrays, and the names of the working directory's files in listDirectory, which native
+ * code makes. Everything it makes stays reachable until the end, so that a heap dump at exit
  * holds it all. Prints "done" when finished.
  */
 public class Allocations {
@@ -42,6 +43,15 @@ public class Allocations {
     public static void allocateAll(int blobs, int bigArrays) {
         makeBlobs(blobs);
         makeBigArrays(bigArrays);
+        listDirectory();
+    }
+
+    // The JDK's native code makes the array and its strings through JNI.
+    static void listDirectory() {
+        String[] names = new java.io.File(".").list();
+        if (names == null) {
+            throw new IllegalStateException("cannot list the working directory");
+        }
     }
 
     // The loop allocates nothing but the Blobs, so that every N-th allocation of the process

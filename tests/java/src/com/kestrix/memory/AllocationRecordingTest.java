@@ -35,7 +35,12 @@ class AllocationRecordingTest {
     }
 
     private static AllocationProfile record(Path jdk, Path dir, String options) throws Exception {
-        Jvm.Result run = Jvm.run(jdk, 180, Jvm.agentArgument(options + ",quiet,dir=" + dir), "-cp",
+        // The program lists its working directory: three files.
+        Path work = Files.createDirectories(dir.resolve("work"));
+        for (String name : List.of("a", "b", "c")) {
+            Files.writeString(work.resolve(name), name);
+        }
+        Jvm.Result run = Jvm.run(jdk, 180, work, Jvm.agentArgument(options + ",quiet,dir=" + dir), "-cp",
                 Jvm.programs().toString(), PROGRAM, String.valueOf(BLOB_COUNT), String.valueOf(BIG_COUNT));
         assertEquals(0, run.exitCode, run.toString());
         assertTrue(run.stdout.contains("done"), run.toString());
@@ -54,6 +59,13 @@ class AllocationRecordingTest {
         assertEquals(BLOB_COUNT, profile.countEndingWith(MAIN, ALL, BLOBS), profile.toString());
         assertEquals(BIG_COUNT, profile.countEndingWith(MAIN, ALL, BIG), profile.toString());
         assertEquals(1, profile.countEndingWith(MAIN, PROGRAM + ".prepare", PROGRAM + ".warmUp"), profile.toString());
+        // Native code of the JDK makes the directory's three names through JNI, and two arrays
+        // (one of room for 16, then the one cut to size), booked below the native method.
+        long listed = profile.sites.stream()
+                .filter(s -> s.path().contains(PROGRAM + ".listDirectory")
+                        && s.path().get(s.path().size() - 1).startsWith("java.io.UnixFileSystem."))
+                .mapToLong(AllocationProfile.Site::count).sum();
+        assertEquals(5, listed, profile.toString());
         for (AllocationProfile.Site site : profile.endingWith(MAIN, ALL, BIG)) {
             assertEquals("main", site.thread());
             assertTrue(site.bytes() >= (long) BIG_COUNT * 2 * MIB && site.bytes() < (long) BIG_COUNT * (2 * MIB + 64),
