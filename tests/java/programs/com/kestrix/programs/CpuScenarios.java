@@ -200,7 +200,10 @@ public class CpuScenarios {
     }
 
     static long tick() {
-        long x = lcg(ourSink, 10_000);
+        // Enough work that lcg's own time stays well above tick's, which holds the cost of the
+        // probes around the call to lcg: on a loaded machine a read of the thread clock can
+        // cost over a microsecond.
+        long x = lcg(ourSink, 50_000);
         ourSink = x;
         return x;
     }
