@@ -18,10 +18,7 @@ namespace {
 
 const char* const STARTUP_ALLOCATIONS_METHOD = "<Objects allocated during JVM startup>";
 
-bool isPickedForRecording(const AllocationRecordingSettings& settings, jlong size) {
-  if (settings.mySizeLimitEnabled && size >= settings.mySizeLimit) {
-    return true;
-  }
+bool isPickedByCount(const AllocationRecordingSettings& settings) {
   return settings.myRecordEachEnabled && ourAllocationCounter % settings.myRecordEach == 0;
 }
 
@@ -72,9 +69,15 @@ jint kjpInitImpl(JNIEnv* env, jobject object, jint allocatorIndex) {
     }
     // Unsigned, so that a counter past 2^31 wraps instead of overflowing.
     ourAllocationCounter = static_cast<jint>(static_cast<unsigned int>(ourAllocationCounter) + 1u);
+    AllocationRecordingSettings settings = recording ? ourAllocationRecordingSettings : getStartPhaseSettings();
+    bool picked = isPickedByCount(settings);
+    // Without a size rule, an object the count doesn't pick needs no size.
+    if (!picked && !settings.mySizeLimitEnabled) {
+      return allocatorIndex;
+    }
     jlong size = 0;
     check_JVMTI_error(ourJVMTI->GetObjectSize(object, &size));
-    if (!isPickedForRecording(recording ? ourAllocationRecordingSettings : getStartPhaseSettings(), size)) {
+    if (!picked && size < settings.mySizeLimit) {
       return allocatorIndex;
     }
 
