@@ -3,19 +3,15 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // Allocation figures of one (thread, frame) pair; the row number is its TFI.
-struct AllocInfoRecord {
-  jint myModificationStamp;
-  jlong myCount;
-  jlong mySize;
+#define KJP_ALLOC_INFO_RECORD_FIELDS(X, C)             \
+  X(C, jlong, myCount, FIELD_ALLOCINFO_COUNT, "count") \
+  X(C, jlong, mySize, FIELD_ALLOCINFO_SIZE, "size")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeLong(myCount);
-    writer.writeLong(mySize);
-  }
+struct AllocInfoRecord {
+  KJP_RECORD_BODY(KJP_ALLOC_INFO_RECORD_FIELDS)
 };
 
 #endif

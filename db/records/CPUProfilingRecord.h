@@ -3,19 +3,15 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // CPU figures of one (thread, frame) pair; the row number is its TFI.
-struct CPUProfilingRecord {
-  jint myModificationStamp;
-  jlong time;
-  jlong count;
+#define KJP_CPUPROFILING_RECORD_FIELDS(X, C)            \
+  X(C, jlong, time, FIELD_CPUPROFILING_TIME, "time")    \
+  X(C, jlong, count, FIELD_CPUPROFILING_COUNT, "count")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeLong(time);
-    writer.writeLong(count);
-  }
+struct CPUProfilingRecord {
+  KJP_RECORD_BODY(KJP_CPUPROFILING_RECORD_FIELDS)
 };
 
 #endif

@@ -3,21 +3,16 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // A marked point of the heap history.
-struct GenerationRecord {
-  jint myModificationStamp;
-  jint myType;
-  jint myDescriptionStrID;
-  jlong myUptimeMs;
+#define KJP_GENERATION_RECORD_FIELDS(X, C)                                                \
+  X(C, jint, myType, FIELD_GENERATION_TYPE, "type")                                       \
+  X(C, jint, myDescriptionStrID, FIELD_GENERATION_DESCRIPTION_STR_ID, "descriptionStrID") \
+  X(C, jlong, myUptimeMs, FIELD_GENERATION_UPTIME_MS, "uptimeMs")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myType);
-    writer.writeInt(myDescriptionStrID);
-    writer.writeLong(myUptimeMs);
-  }
+struct GenerationRecord {
+  KJP_RECORD_BODY(KJP_GENERATION_RECORD_FIELDS)
 };
 
 #endif

@@ -3,21 +3,16 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // Live instances of one class.
-struct InstanceCountsRecord {
-  jint myModificationStamp;
-  jint myClassNameStrID;
-  jint myCount;
-  jlong mySize;
+#define KJP_INSTANCE_COUNTS_RECORD_FIELDS(X, C)                                          \
+  X(C, jint, myClassNameStrID, FIELD_INSTANCECOUNTS_CLASS_NAME_STR_ID, "classNameStrID") \
+  X(C, jint, myCount, FIELD_INSTANCECOUNTS_COUNT, "count")                               \
+  X(C, jlong, mySize, FIELD_INSTANCECOUNTS_SIZE, "size")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myClassNameStrID);
-    writer.writeInt(myCount);
-    writer.writeLong(mySize);
-  }
+struct InstanceCountsRecord {
+  KJP_RECORD_BODY(KJP_INSTANCE_COUNTS_RECORD_FIELDS)
 };
 
 #endif

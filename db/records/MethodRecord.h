@@ -3,7 +3,7 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // Method flags.
 const jint MF_HIDDEN = 1;
@@ -15,20 +15,14 @@ const jint MF_WAIT = 32;
 
 // A method, named by three pooled strings; the row index is the method index fixed in the
 // instrumented bytecode.
-struct MethodRecord {
-  jint myModificationStamp;
-  jint myNameStrID;
-  jint mySignatureStrID;
-  jint myClassNameStrID;
-  jint myFlags;
+#define KJP_METHOD_RECORD_FIELDS(X, C)                                           \
+  X(C, jint, myNameStrID, FIELD_METHOD_NAME_STR_ID, "nameStrID")                 \
+  X(C, jint, mySignatureStrID, FIELD_METHOD_SIGNATURE_STR_ID, "signatureStrID")  \
+  X(C, jint, myClassNameStrID, FIELD_METHOD_CLASS_NAME_STR_ID, "classNameStrID") \
+  X(C, jint, myFlags, FIELD_METHOD_FLAGS, "flags")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myNameStrID);
-    writer.writeInt(mySignatureStrID);
-    writer.writeInt(myClassNameStrID);
-    writer.writeInt(myFlags);
-  }
+struct MethodRecord {
+  KJP_RECORD_BODY(KJP_METHOD_RECORD_FIELDS)
 };
 
 #endif

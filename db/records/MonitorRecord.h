@@ -3,27 +3,19 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // Time a thread spent blocked or waiting on monitors of one class at one frame.
-struct MonitorRecord {
-  jint myModificationStamp;
-  jint myThread;
-  jint myFrame;
-  jint myOwner;
-  jint myClassNameStrID;
-  jlong myTimeNs;
-  jlong myCount;
+#define KJP_MONITOR_RECORD_FIELDS(X, C)                                           \
+  X(C, jint, myThread, FIELD_MONITOR_THREAD, "thread")                            \
+  X(C, jint, myFrame, FIELD_MONITOR_FRAME, "frame")                               \
+  X(C, jint, myOwner, FIELD_MONITOR_OWNER, "owner")                               \
+  X(C, jint, myClassNameStrID, FIELD_MONITOR_CLASS_NAME_STR_ID, "classNameStrID") \
+  X(C, jlong, myTimeNs, FIELD_MONITOR_TIME_NS, "timeNs")                          \
+  X(C, jlong, myCount, FIELD_MONITOR_COUNT, "count")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myThread);
-    writer.writeInt(myFrame);
-    writer.writeInt(myOwner);
-    writer.writeInt(myClassNameStrID);
-    writer.writeLong(myTimeNs);
-    writer.writeLong(myCount);
-  }
+struct MonitorRecord {
+  KJP_RECORD_BODY(KJP_MONITOR_RECORD_FIELDS)
 };
 
 #endif

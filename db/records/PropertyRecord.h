@@ -3,7 +3,7 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // The six telemetry constants occupy the first property rows, in this order.
 const jint TELEC_HEAP_MEMORY_MAX_KB_PROP_INDEX = 0;
@@ -16,16 +16,12 @@ const jint TELEC_FIELD_COUNT = 6;
 
 // A named int. The value is a number or, for properties the runtime sets as text, a string
 // index; the string collection treats it as a string index either way.
-struct PropertyRecord {
-  jint myModificationStamp;
-  jint myNameStrID;
-  jint myValue;
+#define KJP_PROPERTY_RECORD_FIELDS(X, C)                             \
+  X(C, jint, myNameStrID, FIELD_PROPERTIES_NAME_STR_ID, "nameStrID") \
+  X(C, jint, myValue, FIELD_PROPERTIES_VALUE, "value")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myNameStrID);
-    writer.writeInt(myValue);
-  }
+struct PropertyRecord {
+  KJP_RECORD_BODY(KJP_PROPERTY_RECORD_FIELDS)
 };
 
 #endif

@@ -3,19 +3,15 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // A snapshot file known to the session.
-struct SnapshotRecord {
-  jint myModificationStamp;
-  jint myPathStrID;
-  jlong myFlags;
+#define KJP_SNAPSHOT_RECORD_FIELDS(X, C)                           \
+  X(C, jint, myPathStrID, FIELD_SNAPSHOT_PATH_STR_ID, "pathStrID") \
+  X(C, jlong, myFlags, FIELD_SNAPSHOT_FLAGS, "flags")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myPathStrID);
-    writer.writeLong(myFlags);
-  }
+struct SnapshotRecord {
+  KJP_RECORD_BODY(KJP_SNAPSHOT_RECORD_FIELDS)
 };
 
 #endif

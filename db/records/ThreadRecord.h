@@ -3,26 +3,19 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // A thread as the UI sees it. The row outlives the thread: once a dead thread is folded into
 // "<Oldest dead threads>", only its myIndexForTFI drops to 0.
-struct ThreadRecord {
-  jint myModificationStamp;
-  jint myNameStrID;
-  jint myGroupStrID;
-  jint myIndexForTFI;
-  jint myRunningNumber;
-  jlong myThreadID;
+#define KJP_THREAD_RECORD_FIELDS(X, C)                                      \
+  X(C, jint, myNameStrID, FIELD_THREAD_NAME_STR_ID, "nameStrID")            \
+  X(C, jint, myGroupStrID, FIELD_THREAD_GROUP_STR_ID, "groupStrID")         \
+  X(C, jint, myIndexForTFI, FIELD_THREAD_INDEX_FOR_TFI, "indexForTFI")      \
+  X(C, jint, myRunningNumber, FIELD_THREAD_RUNNING_NUMBER, "runningNumber") \
+  X(C, jlong, myThreadID, FIELD_THREAD_THREAD_ID, "threadID")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myNameStrID);
-    writer.writeInt(myGroupStrID);
-    writer.writeInt(myIndexForTFI);
-    writer.writeInt(myRunningNumber);
-    writer.writeLong(myThreadID);
-  }
+struct ThreadRecord {
+  KJP_RECORD_BODY(KJP_THREAD_RECORD_FIELDS)
 };
 
 #endif

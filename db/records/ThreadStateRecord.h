@@ -3,23 +3,17 @@
 
 #include <jni.h>
 
-#include "snapshot/AbstractWriter.h"
+#include "db/records/RecordFields.h"
 
 // One sampled thread of one telemetry sample.
-struct ThreadStateRecord {
-  jint myModificationStamp;
-  jint myThread;
-  jint myFrame;
-  jint myState;
-  jlong myCPUTimeNs;
+#define KJP_THREAD_STATE_RECORD_FIELDS(X, C)                           \
+  X(C, jint, myThread, FIELD_THREADSTATE_THREAD, "thread")             \
+  X(C, jint, myFrame, FIELD_THREADSTATE_FRAME, "frame")                \
+  X(C, jint, myState, FIELD_THREADSTATE_STATE, "state")                \
+  X(C, jlong, myCPUTimeNs, FIELD_THREADSTATE_CPU_TIME_NS, "cpuTimeNs")
 
-  void writeRecord(AbstractWriter& writer) const {
-    writer.writeInt(myModificationStamp);
-    writer.writeInt(myThread);
-    writer.writeInt(myFrame);
-    writer.writeInt(myState);
-    writer.writeLong(myCPUTimeNs);
-  }
+struct ThreadStateRecord {
+  KJP_RECORD_BODY(KJP_THREAD_STATE_RECORD_FIELDS)
 };
 
 #endif

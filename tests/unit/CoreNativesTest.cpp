@@ -73,6 +73,9 @@ class CoreNativesTest : public CPUEngineTest {
     ourStatus = mySavedStatus;
     ourAllocationRecordingSettings = mySavedSettings;
     Monitors::ourMonitorEventHandlersInstalled = false;
+    // A recording that ever began puts its duration into every later table write.
+    Monitors::ourMonitorRecordingStartNs = 0;
+    Monitors::ourMonitorRecordingLastNs = 0;
     ourCoreFake = nullptr;
     CPUEngineTest::TearDown();
   }
@@ -285,7 +288,8 @@ class JNIRedirectionTest : public CPUEngineTest {
     mySavedStatus = ourStatus;
     mySavedSettings = ourAllocationRecordingSettings;
     ourStatus = STACK_TELEMETRY | ALLOCATION_RECORDING_BIT;
-    ourAllocationRecordingSettings = AllocationRecordingSettings{false, 1, false, 0};  // measure, record nothing
+    // A size rule no object meets: every reported object is measured, none recorded.
+    ourAllocationRecordingSettings = AllocationRecordingSettings{false, 1, true, 0x7FFFFFFF};
     myThread = new ThreadInfo("main", "main", 1);
     runOn(myThread);
 
