@@ -1,6 +1,7 @@
 package com.kestrix.snapshot;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
@@ -46,5 +47,12 @@ class SampledRunReportTest {
         assertTrue(heaviest.startsWith("hot;"), folded);
         assertTrue(heaviest.contains(";com.kestrix.programs.HotLoop$Burner.run();com.kestrix.programs.HotLoop.burn(int) "),
                 folded);
+
+        // The agent's own threads stay out of the views unless asked for.
+        String all = KjpRunner.succeed("report", snapshot.toString());
+        assertFalse(all.contains("KJPAgent-"), all);
+        assertTrue(all.contains(" hot "), all);
+        String withAgent = KjpRunner.succeed("report", "--agent", snapshot.toString());
+        assertTrue(withAgent.contains("KJPAgent-RequestListener"), withAgent);
     }
 }

@@ -57,6 +57,9 @@ public final class Kjp {
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
             "  --class NAME          heap: where the live objects of this class were allocated",
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
+            "  --raw-names           lambda and hidden classes with their numbers and addresses, as the JVM",
+            "                        named them (by default 'App$$Lambda.run()', so that runs compare)",
+            "  --agent               also the agent's own threads (KJPAgent-...), left out by default",
             "  --value VALUE         flame, collapsed: time (own CPU time in nanoseconds, the default), count",
             "                        (invocations), alloc-bytes or alloc-count (recorded allocations)",
             "  --min-percent P       flame: leave out frames narrower than P percent of the total (default 0.01)",
@@ -85,6 +88,8 @@ public final class Kjp {
         int paths = 10;
         boolean byThread;
         boolean merged;
+        boolean rawNames;
+        boolean agent;
         Collapsed.Value value = Collapsed.Value.TIME;
         double minPercent = 0.01;
         int maxDepth = Collapsed.DEFAULT_MAX_DEPTH;
@@ -119,6 +124,8 @@ public final class Kjp {
             out.print(USAGE);
             return OK;
         }
+        MethodNames.setRawNames(arguments.rawNames);
+        Profile.setAgentThreadsShown(arguments.agent);
         String file = arguments.file.toString();
         try {
             Snapshot snapshot = SnapshotReader.read(arguments.file);
@@ -308,6 +315,12 @@ public final class Kjp {
                     break;
                 case "--by-thread":
                     a.byThread = true;
+                    break;
+                case "--raw-names":
+                    a.rawNames = true;
+                    break;
+                case "--agent":
+                    a.agent = true;
                     break;
                 case "--merged":
                     a.merged = true;

@@ -8,6 +8,55 @@ final class MethodNames {
     private MethodNames() {
     }
 
+    private static volatile boolean ourRawNames;
+
+    /** Whether class names stay as the JVM gave them; by default they are normalised. */
+    static void setRawNames(boolean raw) {
+        ourRawNames = raw;
+    }
+
+    /**
+     * A class name without what changes from run to run: the address of a hidden class
+     * ("App$$Lambda/0x00007f..." or, from the agent, "App$$Lambda.0x00007f...") and the number
+     * of a lambda ("$$Lambda$300"), so that two runs of a program give the same names.
+     */
+    static String normalizeClassName(String name) {
+        if (ourRawNames || name == null) {
+            return name;
+        }
+        String result = name;
+        int address = result.indexOf(".0x");
+        if (address < 0) {
+            address = result.indexOf("/0x");
+        }
+        if (address > 0 && isHex(result, address + 3)) {
+            result = result.substring(0, address);
+        }
+        int lambda = result.indexOf("$$Lambda$");
+        if (lambda >= 0) {
+            int end = lambda + "$$Lambda$".length();
+            while (end < result.length() && Character.isDigit(result.charAt(end))) {
+                end++;
+            }
+            if (end > lambda + "$$Lambda$".length()) {
+                result = result.substring(0, lambda + "$$Lambda".length()) + result.substring(end);
+            }
+        }
+        return result;
+    }
+
+    private static boolean isHex(String text, int from) {
+        if (from >= text.length()) {
+            return false;
+        }
+        for (int i = from; i < text.length(); i++) {
+            if (Character.digit(text.charAt(i), 16) < 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+
     /**
      * "com.example.App.compute(int, long[])": parameter types by their simple names, which keeps
      * lines short while the class stays fully qualified. 'separator' goes between parameters.
@@ -15,7 +64,7 @@ final class MethodNames {
     static String format(String className, String methodName, String descriptor, String separator) {
         StringBuilder name = new StringBuilder();
         if (className != null && !className.isEmpty()) {
-            name.append(className).append('.');
+            name.append(normalizeClassName(className)).append('.');
         }
         name.append(methodName == null ? "<unknown>" : methodName);
         if (descriptor != null && !descriptor.isEmpty()) {

@@ -162,7 +162,8 @@ final class Profile {
 
         Map<ThreadEntry, CallTree> bySlotThread = new LinkedHashMap<>();
         for (ThreadEntry thread : myThreads) {
-            if (thread.slot() != 0 && (threadNames.isEmpty() || threadNames.contains(thread.name()))) {
+            if (thread.slot() != 0 && (threadNames.isEmpty() || threadNames.contains(thread.name()))
+                    && (!threadNames.isEmpty() || showsThread(thread.name()))) {
                 bySlotThread.put(thread, null);
             }
         }
@@ -253,6 +254,23 @@ final class Profile {
 
     private static SnapshotFormatException damaged(String what) {
         return new SnapshotFormatException("the file is damaged: " + what);
+    }
+
+    private static volatile boolean ourAgentThreadsShown;
+
+    /** Whether the agent's own threads take part; by default they are left out. */
+    static void setAgentThreadsShown(boolean shown) {
+        ourAgentThreadsShown = shown;
+    }
+
+    /** Whether a thread that no --thread names takes part in the views. */
+    static boolean showsThread(String name) {
+        return ourAgentThreadsShown || !isAgentThread(name);
+    }
+
+    /** The agent's own threads, which a user has no reason to profile. */
+    static boolean isAgentThread(String name) {
+        return name != null && (name.startsWith("KJPAgent-") || name.equals("(GC Main Thread)"));
     }
 
     /** "com.example.App.compute(int, long[])" for a method index. */

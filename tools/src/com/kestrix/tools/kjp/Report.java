@@ -59,7 +59,8 @@ final class Report {
         myCpuNs = cpu;
         myThreadsWithCpu = perThread.size();
         for (Profile.ThreadEntry thread : profile.threads()) {
-            if (settings.threadNames().isEmpty() || settings.threadNames().contains(thread.name())) {
+            boolean named = settings.threadNames().contains(thread.name());
+            if (named || settings.threadNames().isEmpty() && Profile.showsThread(thread.name())) {
                 myThreads.add(new ThreadLine(thread, thread.slot() == 0 ? null : cpuByThread.get(thread)));
             }
         }
