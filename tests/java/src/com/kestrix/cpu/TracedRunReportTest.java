@@ -31,5 +31,15 @@ class TracedRunReportTest {
                 line -> line.endsWith(" 4,321  com.kestrix.programs.CpuScenarios.tick()")), report);
         assertTrue(hotSpots.stream().anyMatch(
                 line -> line.endsWith(" 1  com.kestrix.programs.CpuScenarios.countLoop(int)")), report);
+
+        // Paths keep their deepest frames and say how many were left out; --paths 0 leaves them out.
+        String shallow = KjpRunner.succeed("report", "--thread", "counter", "--paths", "1", "--path-depth", "2",
+                profile.file.toString());
+        List<String> path = shallow.substring(shallow.indexOf("Hottest call paths")).lines().skip(1).toList();
+        assertTrue(path.get(0).endsWith("  com.kestrix.programs.CpuScenarios.lcg(long, int)"), shallow);
+        assertTrue(path.get(1).endsWith("<- com.kestrix.programs.CpuScenarios.tick()"), shallow);
+        assertTrue(path.get(2).matches(" +<- \\.\\.\\. \\d+ more frames? \\(--path-depth\\)"), shallow);
+        String none = KjpRunner.succeed("report", "--paths", "0", profile.file.toString());
+        assertTrue(!none.contains("Hottest call paths") && none.contains("Hot spots by own time"), none);
     }
 }

@@ -78,6 +78,22 @@ class KjpOutputsTest {
         assertTrue(misplaced.err().contains("--max-depth belongs to collapsed"), misplaced.err());
     }
 
+    @Test
+    void foldedStacksSumNarrowSubtreesIntoOneFrameAndKeepTheTotal() throws Exception {
+        Path file = KnownProfile.file();
+        KjpReportTest.Run all = kjp("collapsed", "--merged", "--min-percent", "0", file.toString());
+        // Of 1.5 s in all, helper's 0.2 s under main is narrower than 20 percent.
+        KjpReportTest.Run narrow = kjp("collapsed", "--merged", "--min-percent", "20", file.toString());
+        assertEquals(0, narrow.status(), narrow.err());
+        assertEquals(sum(all.out()), sum(narrow.out()), narrow.out());
+        assertTrue(narrow.out().contains("com.example.App.main(String[]);[narrow frames] 200000000\n"), narrow.out());
+        assertTrue(!narrow.out().contains("com.example.App.main(String[]);com.example.App.helper()"), narrow.out());
+    }
+
+    private static long sum(String folded) {
+        return folded.lines().mapToLong(line -> Long.parseLong(line.substring(line.lastIndexOf(' ') + 1))).sum();
+    }
+
     /** The page's data: each frame's name with its width in nanoseconds, as the page holds them. */
     private static List<String> framesOf(String page) {
         Matcher data = Pattern.compile("id=\"flame-data\">(.*?)</script>", Pattern.DOTALL).matcher(page);

@@ -1,6 +1,7 @@
 package com.kestrix.tools.kjp;
 
 import java.io.IOException;
+import java.io.PrintStream;
 import java.util.Arrays;
 import java.util.Comparator;
 
@@ -40,17 +41,69 @@ final class Collapsed {
 
     static final String DEEPER_FRAMES = "[deeper frames]";
 
+    static final String NARROW_FRAMES = "[narrow frames]";
+
+    /** Output past this many characters gets a warning: few tools read a file that large. */
+    static final long LARGE_OUTPUT = 1L << 30;
+
     private Collapsed() {
+    }
+
+    /** Passes the text on and, once it has passed LARGE_OUTPUT characters, says so on 'err', once. */
+    static final class LargeOutputWarning implements Appendable {
+        private final Appendable myOut;
+        private final PrintStream myErr;
+        private long myLength;
+        private boolean myWarned;
+
+        LargeOutputWarning(Appendable out, PrintStream err) {
+            myOut = out;
+            myErr = err;
+        }
+
+        private void count(long length) {
+            myLength += length;
+            if (!myWarned && myLength > LARGE_OUTPUT) {
+                myWarned = true;
+                myErr.println("kjp: the folded stacks pass 1 GB; a higher --min-percent or a lower --max-depth"
+                        + " makes them smaller");
+            }
+        }
+
+        @Override
+        public Appendable append(CharSequence text) throws IOException {
+            count(text.length());
+            myOut.append(text);
+            return this;
+        }
+
+        @Override
+        public Appendable append(CharSequence text, int start, int end) throws IOException {
+            count(end - start);
+            myOut.append(text, start, end);
+            return this;
+        }
+
+        @Override
+        public Appendable append(char c) throws IOException {
+            count(1);
+            myOut.append(c);
+            return this;
+        }
     }
 
     /** Writes the lines of paths whose value is above 0. */
     static void write(Profile profile, Iterable<CallTree> trees, Value value, Appendable out) throws IOException {
-        write(profile, trees, value, DEFAULT_MAX_DEPTH, out);
+        write(profile, trees, value, DEFAULT_MAX_DEPTH, 0, out);
     }
 
-    /** As above, folding the frames below depth maxDepth (at least 1) of each path. */
-    static void write(Profile profile, Iterable<CallTree> trees, Value value, int maxDepth, Appendable out)
-            throws IOException {
+    /**
+     * As above, folding the frames below depth maxDepth (at least 1) of each path, and the
+     * subtrees worth less than minPercent of their tree's whole into one "[narrow frames]" frame
+     * under their parent, which carries their sum: the totals stay true, the file small.
+     */
+    static void write(Profile profile, Iterable<CallTree> trees, Value value, int maxDepth, double minPercent,
+            Appendable out) throws IOException {
         StringBuilder path = new StringBuilder();
         for (CallTree tree : trees) {
             path.setLength(0);
@@ -59,6 +112,8 @@ final class Collapsed {
             }
             int[] pathLength = new int[tree.size()];
             int[] depth = new int[tree.size()];
+            long[] subtree = subtreeValues(tree, value);
+            long narrow = (long) Math.ceil(subtree[0] * minPercent / 100.0);
             int[] stack = new int[64];
             int top = 0;
             pathLength[0] = path.length();
@@ -89,11 +144,32 @@ final class Collapsed {
                     continue;
                 }
                 int[] children = childrenByName(profile, tree, node);
+                long narrowSum = 0;
                 for (int i = children.length - 1; i >= 0; i--) {
-                    stack = push(stack, top++, children[i]);
+                    if (subtree[children[i]] < narrow) {
+                        narrowSum += subtree[children[i]];
+                    } else {
+                        stack = push(stack, top++, children[i]);
+                    }
+                }
+                if (narrowSum > 0) {
+                    out.append(path).append(';').append(NARROW_FRAMES).append(' ').append(Long.toString(narrowSum))
+                            .append('\n');
                 }
             }
         }
+    }
+
+    /** Each node's value with everything below it; children come after their parents. */
+    private static long[] subtreeValues(CallTree tree, Value value) {
+        long[] sums = new long[tree.size()];
+        for (int node = tree.size() - 1; node >= 0; node--) {
+            sums[node] += value(tree, value, node);
+            if (tree.myParent[node] >= 0) {
+                sums[tree.myParent[node]] += sums[node];
+            }
+        }
+        return sums;
     }
 
     private static long value(CallTree tree, Value value, int node) {

@@ -54,6 +54,8 @@ public final class Kjp {
             "  --top N               report, alloc: methods in each hot-spot table; heap: classes; locks,",
             "                        exceptions: lines of each class and thread list (default 20)",
             "  --paths N             report, alloc, locks, exceptions: call paths to show (default 10)",
+            "  --path-depth N        report: the deepest N frames of each path (default 12), with the number",
+            "                        of frames left out; --paths 0 leaves the paths out",
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
             "  --class NAME          heap: where the live objects of this class were allocated",
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
@@ -62,7 +64,8 @@ public final class Kjp {
             "  --agent               also the agent's own threads (KJPAgent-...), left out by default",
             "  --value VALUE         flame, collapsed: time (own CPU time in nanoseconds, the default), count",
             "                        (invocations), alloc-bytes or alloc-count (recorded allocations)",
-            "  --min-percent P       flame: leave out frames narrower than P percent of the total (default 0.01)",
+            "  --min-percent P       flame, collapsed: leave out frames narrower than P percent of the total",
+            "                        (default 0.01); collapsed sums them into a \"[narrow frames]\" frame",
             "  --max-depth N         collapsed: fold frames deeper than N into one \"[deeper frames]\" frame (default 1024)",
             "  -h, --help            show this text",
             "",
@@ -86,6 +89,7 @@ public final class Kjp {
         String format = "text";
         int top = 20;
         int paths = 10;
+        int pathDepth = 12;
         boolean byThread;
         boolean merged;
         boolean rawNames;
@@ -129,7 +133,7 @@ public final class Kjp {
         String file = arguments.file.toString();
         try {
             Snapshot snapshot = SnapshotReader.read(arguments.file);
-            execute(arguments, snapshot, out, zone);
+            execute(arguments, snapshot, out, err, zone);
             return OK;
         } catch (SnapshotFormatException e) {
             err.println("kjp: " + file + ": " + e.getMessage());
@@ -161,7 +165,7 @@ public final class Kjp {
         return message == null || message.isEmpty() ? kind : message;
     }
 
-    private static void execute(Arguments a, Snapshot snapshot, PrintStream out, ZoneId zone)
+    private static void execute(Arguments a, Snapshot snapshot, PrintStream out, PrintStream err, ZoneId zone)
             throws IOException, UsageException {
         Profile profile = new Profile(snapshot);
         for (String name : a.threads) {
@@ -185,7 +189,7 @@ public final class Kjp {
                         writer.write('\n');
                     } else {
                         PrintWriter printer = new PrintWriter(writer);
-                        new TextReport(report, zone, printer).write();
+                        new TextReport(report, zone, printer, a.pathDepth).write();
                         printer.flush();
                     }
                     break;
@@ -231,7 +235,8 @@ public final class Kjp {
                     break;
                 }
                 case "collapsed":
-                    Collapsed.write(profile, trees(profile, a), a.value, a.maxDepth, writer);
+                    Collapsed.write(profile, trees(profile, a), a.value, a.maxDepth, a.minPercent,
+                            new Collapsed.LargeOutputWarning(writer, err));
                     break;
                 case "flame": {
                     List<CallTree> trees = trees(profile, a);
@@ -310,8 +315,14 @@ public final class Kjp {
                 case "--top":
                     a.top = positiveNumber(value(args, ++i, arg), arg);
                     break;
-                case "--paths":
-                    a.paths = positiveNumber(value(args, ++i, arg), arg);
+                case "--paths": {
+                    String v = value(args, ++i, arg);
+                    // 0 leaves the paths out.
+                    a.paths = v.equals("0") ? 0 : positiveNumber(v, arg);
+                    break;
+                }
+                case "--path-depth":
+                    a.pathDepth = positiveNumber(value(args, ++i, arg), arg);
                     break;
                 case "--by-thread":
                     a.byThread = true;

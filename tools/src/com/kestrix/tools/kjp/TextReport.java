@@ -12,8 +12,10 @@ final class TextReport {
     private final Report myReport;
     private final ZoneId myZone;
     private final PrintWriter myOut;
+    private final int myPathDepth;
 
-    TextReport(Report report, ZoneId zone, PrintWriter out) {
+    TextReport(Report report, ZoneId zone, PrintWriter out, int pathDepth) {
+        myPathDepth = pathDepth;
         myReport = report;
         myZone = zone;
         myOut = out;
@@ -101,6 +103,9 @@ final class TextReport {
         myOut.println();
         myOut.println("Hot spots by total time, " + scope);
         hotSpots(section.byTotalTime(), whole, counts);
+        if (section.paths().isEmpty()) {
+            return;
+        }
         myOut.println();
         myOut.println("Hottest call paths, " + scope);
         List<String[]> rows = new ArrayList<>();
@@ -119,8 +124,15 @@ final class TextReport {
             List<String> methods = section.paths().get(i).methodsLeafFirst();
             myOut.println(lead + methods.get(0));
             String indent = " ".repeat(lead.length());
-            for (int m = 1; m < methods.size(); m++) {
+            // The deepest frames tell where the time went; the callers far below are cut.
+            int shown = Math.min(methods.size(), myPathDepth);
+            for (int m = 1; m < shown; m++) {
                 myOut.println(indent + "<- " + methods.get(m));
+            }
+            if (shown < methods.size()) {
+                int left = methods.size() - shown;
+                myOut.println(indent + "<- ... " + left + (left == 1 ? " more frame" : " more frames")
+                        + " (--path-depth)");
             }
         }
     }
