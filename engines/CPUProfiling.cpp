@@ -7,6 +7,7 @@
 #include "agent/Options.h"
 #include "agent/StartReport.h"
 #include "db/DB.h"
+#include "db/StringPool.h"
 #include "engines/Filter.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
@@ -24,6 +25,8 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
   KString filterText(filters == nullptr ? "" : filters);
   KString wallTimeText = wallTimeSpec == nullptr ? Filter::readWallTimeSpecFromFile(nullptr) : KString(wallTimeSpec);
   Filter::reloadFilters(filterText, wallTimeText);
+  // The reader of the snapshot can then say which calls were folded, and why.
+  ourDB->setProperty(FILTERS_PROPERTY, ourDB->myStrPool->getDBIndex(filterText.get(), true));
   // The threads' callee caches hold method flags that may have just changed.
   forEachLiveThread([&](ThreadInfo* info) { info->myCallees.clear(); });
   if ((mode & CPU_TIMES_BIT) == 0) {

@@ -8,6 +8,9 @@
 // The CPU engine: tracing and sampling, their start, stop and clear, and its Core natives.
 extern const Engine ourCPUEngine;
 
+// The property that holds the filter text of the last start of CPU profiling.
+const char* const FILTERS_PROPERTY = "kjp.cpu.filters";
+
 // Starting and stopping CPU profiling. The runtime's Core natives and vmInit call these; the
 // mode is a set of the CPU bits of ourStatus (times, counts, j2ee).
 

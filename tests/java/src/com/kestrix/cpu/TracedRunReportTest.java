@@ -22,6 +22,9 @@ class TracedRunReportTest {
         CpuProfile profile = CpuProfile.record(jdk, dir, "tracing", "count:4321");
         String report = KjpRunner.succeed("report", "--thread", "counter", profile.file.toString());
         assertTrue(report.contains("\nCPU       tracing, with invocation counts; "), report);
+        // No filter file was given: the report says which calls the defaults folded.
+        assertTrue(report.contains("\nFilters   the defaults (com.sun.*, java.*, javax.*, jdk.*, sun.*, jrockit.*): "),
+                report);
         List<String> hotSpots = report.substring(report.indexOf("Hot spots by own time")).lines().skip(2)
                 .takeWhile(line -> !line.isEmpty()).toList();
         assertTrue(!hotSpots.isEmpty(), report);

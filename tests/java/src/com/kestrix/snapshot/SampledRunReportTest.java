@@ -51,6 +51,7 @@ class SampledRunReportTest {
         // The agent's own threads stay out of the views unless asked for.
         String all = KjpRunner.succeed("report", snapshot.toString());
         assertFalse(all.contains("KJPAgent-"), all);
+        assertFalse(all.contains("\nFilters "), "sampling folds no calls: " + all);
         assertTrue(all.contains(" hot "), all);
         String withAgent = KjpRunner.succeed("report", "--agent", snapshot.toString());
         assertTrue(withAgent.contains("KJPAgent-RequestListener"), withAgent);

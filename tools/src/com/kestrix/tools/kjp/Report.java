@@ -120,6 +120,29 @@ final class Report {
         return myProfile.hasCounts() ? "tracing, with invocation counts" : "sampling";
     }
 
+    /** The agent's filters when it ran without a filter file of the user's. */
+    static final String DEFAULT_FILTERS = "com.sun.*\njava.*\njavax.*\njdk.*\nsun.*\njrockit.*";
+
+    /**
+     * For a traced snapshot, which method filters folded calls: tracing folds a call of a
+     * filtered method into its caller, and a user who didn't choose the filters should hear why
+     * a JDK tool shows as a few frames. Null when there is nothing to say.
+     */
+    String filtersNote() {
+        String filters = myProfile.property("kjp.cpu.filters");
+        if (filters == null || !myProfile.hasCounts()) {
+            return null;
+        }
+        if (filters.replace("\r", "").strip().equals(DEFAULT_FILTERS)) {
+            return "the defaults (" + DEFAULT_FILTERS.replace("\n", ", ")
+                    + "): calls into them are folded into their callers; filters= sets others";
+        }
+        long patterns = filters.lines().filter(line -> !line.isBlank() && !line.startsWith("#")).count();
+        return patterns == 0 ? "none: every call has its own frame"
+                : patterns + (patterns == 1 ? " pattern" : " patterns") + " of the filter file: calls into them are"
+                        + " folded into their callers";
+    }
+
     /** "OpenJDK 64-Bit Server VM 17.0.9 (17.0.9+9-Debian), Debian" from the JVM's properties, or null. */
     String jvm() {
         String name = myProfile.property("java.vm.name");

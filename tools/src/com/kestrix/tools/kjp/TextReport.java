@@ -46,6 +46,10 @@ final class TextReport {
                     + (myReport.myThreadsWithCpu == 1 ? " thread" : " threads");
         }
         field("CPU", cpu);
+        String filters = myReport.filtersNote();
+        if (filters != null) {
+            field("Filters", filters);
+        }
         writeLocksAndExceptions();
         writeThreads();
         if (myReport.mySections.isEmpty()) {
