@@ -31,6 +31,32 @@ class KjpErrorsTest {
     }
 
     @Test
+    void damageInTheMiddleIsNamedWhereItIsNotCalledATruncation(@TempDir Path dir) throws Exception {
+        byte[] whole = Files.readAllBytes(KnownProfile.file());
+        int strings = firstTableTag(whole) + 9;
+        // 16 bytes flipped at several places after the first table's start: whatever they hit,
+        // the file is whole, so it is called damaged, with a place and an offset.
+        int refused = 0;
+        for (int at = strings + 4; at + 16 < whole.length; at += Math.max(1, (whole.length - strings) / 9)) {
+            byte[] flipped = whole.clone();
+            for (int i = at; i < at + 16; i++) {
+                flipped[i] = (byte) ~flipped[i];
+            }
+            Path file = dir.resolve("flipped-" + at + ".snapshot");
+            Files.write(file, flipped);
+            KjpReportTest.Run run = KjpReportTest.kjp("report", file.toString());
+            if (run.status() == 0) {
+                continue;  // the flips hit only values, which no reader can tell from real ones
+            }
+            assertEquals(1, run.status(), run.err());
+            assertTrue(run.err().contains(": the file is damaged: ") && run.err().contains("offset"), at + ": " + run.err());
+            assertEquals(1, run.err().lines().count(), run.err());
+            refused++;
+        }
+        assertTrue(refused >= 3, refused + " of the damaged files were refused");
+    }
+
+    @Test
     void truncatedFilesSayWhereTheyEnd(@TempDir Path dir) throws Exception {
         byte[] whole = Files.readAllBytes(KnownProfile.file());
         int magic = "Kestrix Java Profiler snapshot, https://github.com/kestrix/kjpagent\u001A".length();
@@ -38,7 +64,7 @@ class KjpErrorsTest {
         int stringCount = (whole[strings - 4] & 0xFF) | (whole[strings - 3] & 0xFF) << 8;
         Object[][] cases = {
             {strings, "the file is truncated: table 'string' announces " + stringCount
-                    + " rows, but the file ends 0 bytes later"},
+                    + " rows at offset " + (strings - 4) + ", but the file ends 0 bytes later"},
             {magic + 10, "the file is truncated: it ends after " + (magic + 10) + " bytes, in the header (creator)"},
             {magic - 5, "the file is truncated: it ends after " + (magic - 5) + " bytes, in the header"},
             {whole.length - 3, "the file is truncated: it ends after " + (whole.length - 3)

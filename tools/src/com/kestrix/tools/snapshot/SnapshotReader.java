@@ -14,6 +14,11 @@ import java.nio.file.Path;
  * SnapshotFormatException that says what and where.
  */
 public final class SnapshotReader {
+    // Bounds no agent's table reaches, for telling a damaged count from a file cut short.
+    private static final int MAX_PLAUSIBLE_ROWS = 1 << 28;
+    private static final int MAX_PLAUSIBLE_STAMP = 1 << 28;
+    private static final int MAX_PLAUSIBLE_STRING = 1 << 24;
+
     /** The bytes every snapshot starts with, matched in full. */
     public static final String MAGIC = "Kestrix Java Profiler snapshot, https://github.com/kestrix/kjpagent\u001A";
     public static final char FORMAT_VERSION = '9';
@@ -61,6 +66,10 @@ public final class SnapshotReader {
         } catch (EOFException e) {
             throw new SnapshotFormatException(
                     "the file is truncated: it ends after " + myFileSize + " bytes, in " + myPlace);
+        } catch (RuntimeException e) {
+            // Whatever a damaged file makes of the reader, the user hears where, not how.
+            throw new SnapshotFormatException("the file is damaged: " + myPlace + " at offset " + myIn.offset()
+                    + " cannot be read (" + e + ")");
         }
     }
 
@@ -170,8 +179,11 @@ public final class SnapshotReader {
                     + count + " at offset " + (myIn.offset() - 4));
         }
         if ((long) count * rowBytes > remaining) {
-            throw new SnapshotFormatException("the file is truncated: table '" + layout.tableName + "' announces "
-                    + count + " rows, but the file ends " + remaining + " bytes later");
+            // No agent writes that many rows of a table: the count itself was hit.
+            String what = count > MAX_PLAUSIBLE_ROWS ? "the file is damaged" : "the file is truncated";
+            throw new SnapshotFormatException(what + ": table '" + layout.tableName + "' announces "
+                    + count + " rows at offset " + (myIn.offset() - 4) + ", but the file ends " + remaining
+                    + " bytes later");
         }
         Table table = tables[id] != null ? tables[id] : new Table(layout, count);
         tables[id] = table;
@@ -179,8 +191,15 @@ public final class SnapshotReader {
         byte[] textBuffer = new byte[256];
         for (int row = 0; row < count; row++) {
             myPlace = "table '" + layout.tableName + "', row " + (row + 1) + " of " + count;
+            long rowOffset = myIn.offset();
             int index = myIn.readInt();
             int stamp = myIn.readInt();
+            // Out of step with the rows, the reader meets numbers no row has: say so here, where
+            // the damage is, rather than when it runs off the end of the file much later.
+            if (index < 0 || index > MAX_PLAUSIBLE_ROWS || Math.abs((long) stamp) > MAX_PLAUSIBLE_STAMP) {
+                throw new SnapshotFormatException("the file is damaged: " + myPlace + " at offset " + rowOffset
+                        + " has row number " + index + " and stamp " + stamp);
+            }
             String text = null;
             if (layout == TableLayout.STRING) {
                 int length = myIn.readInt();
@@ -189,6 +208,10 @@ public final class SnapshotReader {
                             + (myIn.offset() - 4));
                 }
                 if (length > myFileSize - myIn.offset()) {
+                    if (length > MAX_PLAUSIBLE_STRING) {
+                        throw new SnapshotFormatException("the file is damaged: string length " + length
+                                + " at offset " + (myIn.offset() - 4));
+                    }
                     throw new EOFException();
                 }
                 if (length >= 0) {
