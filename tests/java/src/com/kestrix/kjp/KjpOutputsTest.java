@@ -180,5 +180,29 @@ class KjpOutputsTest {
             count++;
         }
         assertEquals(11, count, rendered);
+
+        // Turned upside down the root is on top; the JDK's frames are blue, the program's warm.
+        Process icicle = new ProcessBuilder(chromium, "--headless", "--no-sandbox", "--disable-gpu",
+                "--user-data-dir=" + dir.resolve("profile2"), "--window-size=1200,600", "--dump-dom",
+                page.toUri().toString() + "#icicle")
+                .redirectError(dir.resolve("chromium2.log").toFile())
+                .start();
+        byte[] icicleDom = icicle.getInputStream().readAllBytes();
+        assertTrue(icicle.waitFor(120, TimeUnit.SECONDS), "chromium did not end");
+        String upsideDown = new String(icicleDom, StandardCharsets.UTF_8);
+        assertTrue(upsideDown.contains(">Root at bottom</button>"), upsideDown);
+        Matcher root = Pattern.compile("<div class=\"frame\" title=\"all [^\"]*\"[^>]* style=\"([^\"]*)\"").matcher(upsideDown);
+        assertTrue(root.find() && root.group(1).contains("top: 0px"), upsideDown);
+        int[] jdk = rgbOf(upsideDown, "java.lang.Math.sqrt(double)");
+        int[] program = rgbOf(upsideDown, "com.example.App.compute(int, long[])");
+        assertTrue(jdk[2] > jdk[0] && program[0] > program[2], upsideDown);
+    }
+
+    /** The background of the frame of a method in a rendered page, as red, green, blue. */
+    private static int[] rgbOf(String dom, String method) {
+        Matcher m = Pattern.compile("title=\"" + Pattern.quote(method)
+                + "  [^\"]*\"[^>]*background: rgb\\((\\d+), (\\d+), (\\d+)\\)").matcher(dom);
+        assertTrue(m.find(), method + " in " + dom);
+        return new int[] {Integer.parseInt(m.group(1)), Integer.parseInt(m.group(2)), Integer.parseInt(m.group(3))};
     }
 }

@@ -34,6 +34,24 @@ final class FlameGraph {
         myMinFraction = minPercent / 100.0;
     }
 
+    /**
+     * The package of the program's main class, with its dot ("com.acme.shop."): frames under it
+     * are the application's own, coloured apart from libraries and the JDK. "" when the main
+     * class has no package, null when the command names none (a jar, say).
+     */
+    String applicationPackage() {
+        String command = myProfile.property("sun.java.command");
+        if (command == null || command.isBlank()) {
+            return null;
+        }
+        String main = command.strip().split("\\s+")[0];
+        if (main.endsWith(".jar") || main.contains("/")) {
+            return null;
+        }
+        int dot = main.lastIndexOf('.');
+        return dot < 0 ? "" : main.substring(0, dot + 1);
+    }
+
     /** The page for these trees; 'title' heads it, 'subtitle' stands below. */
     void write(List<CallTree> trees, String title, String subtitle, Appendable out) throws IOException {
         long total = 0;
@@ -61,7 +79,8 @@ final class FlameGraph {
                 .field("title", title)
                 .field("subtitle", subtitle)
                 .field("unit", unit(myValue))
-                .field("omitted", myOmitted);
+                .field("omitted", myOmitted)
+                .field("application", applicationPackage());
         data.name("names").beginArray();
         for (String name : myNames) {
             data.value(name);
@@ -173,11 +192,13 @@ final class FlameGraph {
             .frame.match { background: #e040fb !important; color: #fff; }
             .frame.ancestor { opacity: 0.6; }
             #empty { padding: 24px 12px; color: #666; }
+            #legend span { padding: 0 6px; margin-right: 4px; }
             </style>
             </head>
             <body>
             <header><h1 id="title"></h1><span id="subtitle"></span>
-            <div id="controls"><input id="search" type="search" placeholder="Search (regular expression)"><button id="reset">Reset zoom</button></div></header>
+            <div id="legend"><span style="background: hsl(20, 75%, 65%)">application</span><span style="background: hsl(110, 45%, 62%)">library</span><span style="background: hsl(205, 55%, 70%)">JDK</span></div>
+            <div id="controls"><input id="search" type="search" placeholder="Search (regular expression)"><button id="flip">Root on top</button><button id="reset">Reset zoom</button></div></header>
             <div id="details">&nbsp;</div>
             <div id="chart"></div>
             <script type="application/json" id="flame-data">""";
@@ -227,14 +248,28 @@ final class FlameGraph {
                 return text;
               }
               function hash(s) { var h = 0; for (var c = 0; c < s.length; c++) { h = (h * 31 + s.charCodeAt(c)) | 0; } return h >>> 0; }
+              // Application, library or JDK: the JDK by its packages, the application by the
+              // package of the main class (anything not the JDK when that isn't known).
+              var app = data.application;
+              function origin(name) {
+                if (/^(java|javax|jdk|sun|com\\.sun|jrockit)\\./.test(name)) { return 2; }
+                if (app === null || app === undefined) { return 0; }
+                if (app === "") { return name.indexOf(".") === name.lastIndexOf(".", name.indexOf("(") < 0 ? name.length : name.indexOf("(")) ? 0 : 1; }
+                return name.indexOf(app) === 0 ? 0 : 1;
+              }
+              var hues = [[5, 35], [85, 55], [190, 40]];
               function color(i) {
                 var kind = raw[i * 6 + 2];
                 if (kind === 0) { return "hsl(0, 0%, 80%)"; }
-                if (kind === 1) { return "hsl(210, 35%, 75%)"; }
+                if (kind === 1) { return "hsl(0, 0%, 88%)"; }
                 var name = nameOf(i), dot = name.lastIndexOf(".", name.indexOf("(") < 0 ? name.length : name.indexOf("("));
-                var h = hash(dot > 0 ? name.substring(0, dot) : name);
-                return "hsl(" + (h % 55) + ", " + (60 + (h >> 8) % 30) + "%, " + (58 + (h >> 16) % 14) + "%)";
+                var h = hash(dot > 0 ? name.substring(0, dot) : name), range = hues[origin(name)];
+                return "hsl(" + (range[0] + h % range[1]) + ", " + (45 + (h >> 8) % 30) + "%, " + (60 + (h >> 16) % 12) + "%)";
               }
+              // The root on top (an icicle) or at the bottom (a flame); a flame opens scrolled to
+              // its root, so that the page starts where the time begins.
+              var icicle = location.hash === "#icicle", scrolledToRoot = false;
+              var flip = document.getElementById("flip");
               var zoomed = 0, pattern = null;
               function render() {
                 chart.innerHTML = "";
@@ -262,7 +297,7 @@ final class FlameGraph {
                   if (pattern && pattern.test(nameOf(node))) { div.className += " match"; }
                   div.style.left = visible[f][1] + "px";
                   div.style.width = visible[f][2] + "px";
-                  div.style.bottom = (depth[node] * rowHeight) + "px";
+                  if (icicle) { div.style.top = (depth[node] * rowHeight) + "px"; } else { div.style.bottom = (depth[node] * rowHeight) + "px"; }
                   div.style.background = color(node);
                   div.textContent = nameOf(node);
                   div.title = describe(node);
@@ -270,7 +305,13 @@ final class FlameGraph {
                   fragment.appendChild(div);
                 }
                 chart.appendChild(fragment);
+                flip.textContent = icicle ? "Root at bottom" : "Root on top";
+                if (!icicle && !scrolledToRoot) {
+                  scrolledToRoot = true;
+                  window.scrollTo(0, document.body.scrollHeight);
+                }
               }
+              flip.addEventListener("click", function () { icicle = !icicle; render(); });
               chart.addEventListener("click", function (e) {
                 var node = e.target.getAttribute && e.target.getAttribute("data-node");
                 if (node !== null && node !== undefined) { zoomed = +node; render(); }
