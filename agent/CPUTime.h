@@ -6,6 +6,8 @@
 
 #include <atomic>
 
+#include "agent/JVMTI_Agent.h"
+
 // CPU clocks of threads and of the process, in nanoseconds. The platform flags they read
 // (ourLinuxFastThreadCPUTimeSupported, ourClockTicksPerSecond, ourRusageCoversAllThreads,
 // declared in agent/JVMTI_Agent.h) are set once by checkPlatformCapabilities at start-up.
@@ -28,6 +30,30 @@ bool isRusageCoveringAllThreads(const char* release);
 
 // The kernel's id for the CPU clock (user plus system time) of thread 'tid'.
 clockid_t threadCPUClockId(int tid);
+
+// Tracing takes its times from samples rather than from the thread clock at every call. Set
+// when CPU profiling starts; tests may set it.
+extern bool ourTracingTimesSampled;
+// What one read of the calling thread's CPU clock cost at start-up, in nanoseconds (the least
+// of a few batches, so that a loaded machine doesn't make the clock look slow); 0 before that.
+extern jlong ourThreadClockReadNs;
+// Above this cost per read, tracing takes its times from samples unless told otherwise: a
+// traced call reads the clock twice, and at 2 µs a call, four times the cost of a whole traced
+// call on a machine with a fast clock, a program that makes a million calls a second would
+// spend more than its own time reading it.
+const jlong SLOW_THREAD_CLOCK_NS = 1000;
+
+// Whether the tracing probes time each call with the thread clock: the fast clock is there
+// and the times are not taken from samples.
+inline bool tracingReadsThreadClock() { return ourLinuxFastThreadCPUTimeSupported && !ourTracingTimesSampled; }
+
+// Whether tracing started with 'mode' takes sampled times: when asked to (the sampled-times or
+// the asynchronous bit), when the clock is slow and the clock bit wasn't given, or when there is
+// no fast clock at all.
+bool tracingTimesSampledFor(jlong mode, bool fastClock, jlong clockReadNs);
+
+// Measures ourThreadClockReadNs.
+void measureThreadClockCost();
 
 jlong getCurrentThreadCPUTimeNs();
 jlong getThreadCPUTimeNs(long tid);

@@ -24,6 +24,13 @@ const jlong MONITORS_BIT = 128;
 const jlong INTERNAL_ERROR_BIT = 256;
 const jlong STACK_TELEMETRY = 512;
 const jlong CPU_PROFILING = CPU_TIMES_BIT | CPU_COUNTS_BIT | CPU_J2EE_BIT;
+// How CPU profiling takes its times, given with its mode: samples from per-thread CPU timers
+// instead of stacks taken at safepoints; for tracing, times from samples or from the thread
+// clock at every call (neither: the agent chooses by the clock's cost).
+const jlong CPU_ASYNC_BIT = 1024;
+const jlong CPU_SAMPLED_TIMES_BIT = 2048;
+const jlong CPU_CLOCK_TIMES_BIT = 4096;
+const jlong CPU_TIME_SOURCE = CPU_ASYNC_BIT | CPU_SAMPLED_TIMES_BIT | CPU_CLOCK_TIMES_BIT;
 
 extern JavaVM* ourVM;
 extern jvmtiEnv* ourJVMTI;

@@ -46,6 +46,8 @@ const char* const USAGE_LINES[] = {
     "dir=<custom dir>   directory where snapshots are created (by default <user home>/Snapshots)",
     "telemetrylimit=<N> limit telemetry buffer capacity to N hours (approximately)",
     "sampling           startup with CPU sampling",
+    "asyncsampling      startup with CPU sampling driven by each thread's CPU time, without",
+    "                   safepoints; with 'tracing', tracing takes its times from these samples",
     "tracing            startup with CPU tracing",
     "                   (cannot be used together with 'disablecounts')",
     "noj2ee             do not perform J2EE high level profiling",
@@ -70,6 +72,9 @@ const char* const USAGE_LINES[] = {
     "tmpdir=<dir>       directory for the agent's temporary jar (by default /tmp)",
     "samplingperiod=<ms>",
     "                   time between two CPU samples (by default 20)",
+    "tracingtimes=sampled|clock",
+    "                   tracing takes its times from samples, or from the thread CPU clock at",
+    "                   every call (by default the clock, unless reading it is slow)",
     "alloc              startup with object allocation recording of every allocation",
     "allocadaptive      startup with object allocation recording of every 10th allocation",
     "                   and of every object of at least 1 MB",
@@ -194,7 +199,9 @@ Options::~Options() {
 void Options::setDefaults() {
   myProfiledSessionName = nullptr;
   mySampling = false;
+  myAsyncSampling = false;
   myTracing = false;
+  myTracingTimes = TRACING_TIMES_AUTO;
   myNoJ2EE = false;
   myDisableAlloc = false;
   myDisableCounts = false;
@@ -342,6 +349,16 @@ bool Options::parseOption(const char* token) {
   const char* value;
   if (strcmp(option, "sampling") == 0) {
     mySampling = true;
+  } else if (strcmp(option, "asyncsampling") == 0) {
+    myAsyncSampling = true;
+  } else if ((value = valueOf(option, "tracingtimes=")) != nullptr) {
+    if (strcmp(value, "sampled") == 0) {
+      myTracingTimes = TRACING_TIMES_SAMPLED;
+    } else if (strcmp(value, "clock") == 0) {
+      myTracingTimes = TRACING_TIMES_CLOCK;
+    } else {
+      return reportError("%s: 'tracingtimes=' takes 'sampled' or 'clock'\n\n");
+    }
   } else if (strcmp(option, "alloc") == 0) {
     myAllocAtStart = true;
     myRecordEachEnabled = true;
@@ -503,7 +520,15 @@ bool Options::checkCombinations() {
     printOptionError("%s: 'filters' should be used in combination with 'tracing'\n\n", nullptr);
     valid = false;
   }
-  if (myWallTimeSpec != nullptr && !myTracing && !mySampling) {
+  if (myTracingTimes != TRACING_TIMES_AUTO && !myTracing) {
+    printOptionError("%s: 'tracingtimes' should be used in combination with 'tracing'\n\n", nullptr);
+    valid = false;
+  }
+  if (myTracingTimes == TRACING_TIMES_CLOCK && myAsyncSampling) {
+    printOptionError("%s: 'tracingtimes=clock' cannot be used in combination with 'asyncsampling', which supplies sampled times\n\n", nullptr);
+    valid = false;
+  }
+  if (myWallTimeSpec != nullptr && !myTracing && !mySampling && !myAsyncSampling) {
     printOptionError("%s: 'walltimespec' should be used in combination with 'tracing' or 'sampling'\n\n", nullptr);
     valid = false;
   }

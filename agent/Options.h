@@ -54,7 +54,14 @@ class Options {
   char* myProfiledSessionName;  // quoted
   KVectorSafe<KString> myCommandLine;
   bool mySampling;
+  // "asyncsampling": CPU sampling by per-thread CPU timers; with "tracing", the source of its times.
+  bool myAsyncSampling;
   bool myTracing;
+  // Where tracing takes its times ("tracingtimes="): one of the TRACING_TIMES_ values.
+  int myTracingTimes;
+  static const int TRACING_TIMES_AUTO = 0;
+  static const int TRACING_TIMES_SAMPLED = 1;
+  static const int TRACING_TIMES_CLOCK = 2;
   bool myNoJ2EE;
   bool myDisableAlloc;
   bool myDisableCounts;

@@ -1,5 +1,6 @@
 #include "engines/CPUProfiling.h"
 
+#include "agent/CPUTime.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
@@ -8,6 +9,7 @@
 #include "agent/StartReport.h"
 #include "db/DB.h"
 #include "db/StringPool.h"
+#include "engines/AsyncSampling.h"
 #include "engines/Filter.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
@@ -15,6 +17,30 @@
 #include "engines/TracingGate.h"
 #include "engines/WallTimeCorrector.h"
 #include "snapshot/SnapshotFile.h"
+
+namespace {
+
+// The mode with the source of its times made explicit: sampling keeps the asynchronous bit if
+// given; tracing gets the sampled-times bit or the clock bit, as tracingTimesSampledFor decides,
+// and ourTracingTimesSampled follows.
+jlong resolveTimeSource(jlong mode) {
+  if ((mode & CPU_COUNTS_BIT) == 0) {
+    return mode & ~(CPU_SAMPLED_TIMES_BIT | CPU_CLOCK_TIMES_BIT);
+  }
+  bool sampled = tracingTimesSampledFor(mode, ourLinuxFastThreadCPUTimeSupported, ourThreadClockReadNs);
+  ourTracingTimesSampled = sampled && ourLinuxFastThreadCPUTimeSupported;
+  mode &= ~(CPU_SAMPLED_TIMES_BIT | CPU_CLOCK_TIMES_BIT);
+  return mode | (sampled ? CPU_SAMPLED_TIMES_BIT : CPU_CLOCK_TIMES_BIT);
+}
+
+}  // namespace
+
+const char* timeSourceName(jlong status) {
+  if ((status & CPU_COUNTS_BIT) != 0 && (status & CPU_SAMPLED_TIMES_BIT) == 0) {
+    return TIMES_FROM_CLOCK;
+  }
+  return (status & CPU_ASYNC_BIT) != 0 ? TIMES_FROM_ASYNC_SAMPLES : TIMES_FROM_SAFEPOINT_SAMPLES;
+}
 
 jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, const char* wallTimeSpec) {
   LockHolder holder(&ourLock, "CPUProfiling(30)");
@@ -33,11 +59,20 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
     throwException(env, "(mode & ProfilingModes::CPU_TIMES_BIT) != 0", static_cast<int>(mode), 0);
     return 0;
   }
-  if ((mode & ~CPU_PROFILING) != 0) {
+  if ((mode & ~(CPU_PROFILING | CPU_TIME_SOURCE)) != 0) {
     throwException(env, "(mode & ~ProfilingModes::CPU_PROFILING) == 0", static_cast<int>(mode), 0);
     return 0;
   }
+  if ((mode & CPU_CLOCK_TIMES_BIT) != 0 && (mode & (CPU_SAMPLED_TIMES_BIT | CPU_ASYNC_BIT)) != 0) {
+    throwException(env, "times come from the clock or from samples, not both");
+    return 0;
+  }
+  mode = resolveTimeSource(mode);
   ourStatus |= mode;
+  if ((mode & CPU_ASYNC_BIT) != 0 && !startAsyncSampling(env)) {
+    ourStatus &= ~CPU_ASYNC_BIT;
+  }
+  ourDB->setProperty(TIMES_PROPERTY, ourDB->myStrPool->getDBIndex(timeSourceName(ourStatus), true));
   ourContainsInvocations = (ourStatus & CPU_COUNTS_BIT) != 0;
   if ((mode & CPU_COUNTS_BIT) != 0) {
     if (exceptionEventsWanted()) {
@@ -63,18 +98,32 @@ void stopCPUProfiling(JNIEnv* env) {
   if ((ourStatus & CPU_TIMES_BIT) == 0) {
     return;
   }
+  stopAsyncSampling(env);
   if ((ourStatus & CPU_COUNTS_BIT) == 0) {
-    ourStatus &= ~CPU_PROFILING;
+    ourStatus &= ~(CPU_PROFILING | CPU_TIME_SOURCE);
     return;
   }
   if (exceptionEventsWanted()) {
     check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
   }
+  // With sampled times the entry times are not times: the stacks go without charging anything,
+  // so that a later start that reads the clock never takes them for times.
   if (ourLinuxFastThreadCPUTimeSupported) {
     forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
-  ourStatus &= ~CPU_PROFILING;
+  ourTracingTimesSampled = false;
+  ourStatus &= ~(CPU_PROFILING | CPU_TIME_SOURCE);
   redefineCallbackAfterStatusChange(env);
+}
+
+jlong commandLineTimeSource(bool asyncSampling, int tracingTimes) {
+  jlong bits = asyncSampling ? CPU_ASYNC_BIT : 0;
+  if (tracingTimes == Options::TRACING_TIMES_SAMPLED) {
+    bits |= CPU_SAMPLED_TIMES_BIT;
+  } else if (tracingTimes == Options::TRACING_TIMES_CLOCK) {
+    bits |= CPU_CLOCK_TIMES_BIT;
+  }
+  return bits;
 }
 
 jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE) {
@@ -86,10 +135,12 @@ jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE) {
 }
 
 void startCPUProfilingFromCommandLine(JNIEnv* env) {
-  jlong mode = commandLineCPUMode(ourOptions.myTracing, ourOptions.mySampling, ourOptions.myNoJ2EE);
+  jlong mode = commandLineCPUMode(ourOptions.myTracing, ourOptions.mySampling || ourOptions.myAsyncSampling,
+                                  ourOptions.myNoJ2EE);
   if (mode == 0) {
     return;
   }
+  mode |= commandLineTimeSource(ourOptions.myAsyncSampling, ourOptions.myTracingTimes);
   KString filters = Filter::readFilterSpecOnStartup();
   KString wallTimeSpec = Filter::readWallTimeSpecOnStartup();
   jint result = startCPUProfilingWithSpecs(env, mode, filters.get(), wallTimeSpec.get());

@@ -32,6 +32,19 @@ void startCPUProfilingFromCommandLine(JNIEnv* env);
 
 // The mode bits for the command-line options; 0 when no CPU mode was asked for.
 jlong commandLineCPUMode(bool tracing, bool sampling, bool noJ2EE);
+// The bits that say where the times come from: "asyncsampling", and "tracingtimes=" as one of
+// the Options::TRACING_TIMES_ values.
+jlong commandLineTimeSource(bool asyncSampling, int tracingTimes);
+
+// The property that says where the CPU times of the last start came from, and its values: the
+// thread clock at every traced call, samples of all stacks at safepoints, samples of per-thread
+// CPU timers.
+const char* const TIMES_PROPERTY = "kjp.cpu.times";
+const char* const TIMES_FROM_CLOCK = "clock";
+const char* const TIMES_FROM_SAFEPOINT_SAMPLES = "safepoint samples";
+const char* const TIMES_FROM_ASYNC_SAMPLES = "async samples";
+// The value of TIMES_PROPERTY for a status word.
+const char* timeSourceName(jlong status);
 
 extern "C" {
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Core_clearCPUData(JNIEnv* env, jclass);

@@ -2,6 +2,7 @@
 #include "agent/Options.h"
 #include "db/DB.h"
 #include "engines/AllocationRecording.h"
+#include "engines/AsyncSampling.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Engine.h"
 #include "engines/Exceptions.h"
@@ -13,6 +14,7 @@
 const Engine* const ourEngines[] = {
     &ourAllocationEngine,
     &ourCPUEngine,
+    &ourAsyncSamplingEngine,
     &ourJ2EEEngine,
     &ourMonitorEngine,
     &ourExceptionEngine,

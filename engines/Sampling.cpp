@@ -87,8 +87,9 @@ void chargeSample(ThreadInfo* info, jint frame, jlong cpu, jlong* wall) {
 void samplingPass(JNIEnv* env, jlong wall) {
   LockHolder holder(&ourLock, "Sampling(80)");
   // Tracing with a fast thread clock times every call exactly; samples would only add noise.
-  if ((ourStatus & CPU_TIMES_BIT) == 0 ||
-      ((ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported)) {
+  // The asynchronous sampler, when it runs, takes the samples instead.
+  if ((ourStatus & CPU_TIMES_BIT) == 0 || (ourStatus & CPU_ASYNC_BIT) != 0 ||
+      ((ourStatus & CPU_COUNTS_BIT) != 0 && tracingReadsThreadClock())) {
     return;
   }
   jvmtiStackInfo* stacks;

@@ -24,7 +24,7 @@ inline jint methodFlags(jint methodIndex) { return ourDB->myMethodTable->getReco
 
 // Exact times come from the probes only with a thread clock cheap enough for every call;
 // otherwise the sampler walks the traced frames and supplies them.
-inline bool isTiming() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
+inline bool isTiming() { return (ourStatus & CPU_COUNTS_BIT) != 0 && tracingReadsThreadClock(); }
 
 void readClocks(ThreadInfo* info, bool isCurrentThread, jlong* cpu, jlong* wall) {
   *cpu = isCurrentThread ? getCurrentThreadCPUTimeNs() : getThreadCPUTimeNs(static_cast<long>(info->myThreadID));
@@ -112,9 +112,9 @@ void dropShadowStack(ThreadInfo* threadInfo, bool isCurrentThread) {
 namespace {
 
 // The clock a method's entry or exit is read in, outside ourLock. Only the fast thread clock
-// makes the probes time calls; without it nothing is read.
+// makes the probes time calls; without it, or with sampled times, nothing is read.
 inline jlong probeClock(bool isWallTime) {
-  if (!ourLinuxFastThreadCPUTimeSupported) {
+  if (!tracingReadsThreadClock()) {
     return 0;
   }
   return isWallTime ? getTimeNs() : getCurrentThreadCPUTimeNs();
@@ -141,7 +141,7 @@ void rebuildTracedCalls(ThreadInfo* info, jint frame) {
 
 // The part of isMethodTracingActive that needs no lock, for probes that time calls.
 inline bool isRecordingTimedCalls() {
-  return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported && ourVMInitCalled &&
+  return (ourStatus & CPU_COUNTS_BIT) != 0 && tracingReadsThreadClock() && ourVMInitCalled &&
          !ourVMDeathCalled;
 }
 

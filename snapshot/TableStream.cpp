@@ -2,6 +2,7 @@
 
 #include <jvmti.h>
 
+#include "agent/CPUTime.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KLock.h"
@@ -51,7 +52,7 @@ void updateDerivedData(JNIEnv* env, jint tableMask, InstanceCounting* counting) 
   });
 }
 
-bool hasOpenTimedCalls() { return (ourStatus & CPU_COUNTS_BIT) != 0 && ourLinuxFastThreadCPUTimeSupported; }
+bool hasOpenTimedCalls() { return (ourStatus & CPU_COUNTS_BIT) != 0 && tracingReadsThreadClock(); }
 
 }  // namespace
 

@@ -4,6 +4,8 @@ package com.kestrix.api;
 public class ProfilingModes {
     public static final long CPU_SAMPLING = 4;
     public static final long CPU_TRACING = 12;
+    /** Sampling by timers on each thread's CPU clock; agents of older versions refuse it. */
+    public static final long CPU_ASYNC_SAMPLING = 4 | 1024;
     public static final long CPU_J2EE = 32;
     public static final long MONITOR_PROFILING = 128;
     public static final long ALLOCATION_RECORDING = 2;

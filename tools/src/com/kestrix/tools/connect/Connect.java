@@ -41,7 +41,11 @@ public final class Connect {
             "Sub-commands:",
             "  info                          protocol version, product, session name, snapshot directory",
             "  status                        what is being measured, and the automatic captures",
-            "  start-cpu sampling|tracing    start CPU profiling",
+            "  start-cpu sampling|async|tracing [sampled|async|clock]",
+            "                                start CPU profiling: sampling at safepoints, sampling by",
+            "                                each thread's CPU timer, or tracing, which takes its times",
+            "                                from safepoint samples, CPU-timer samples or the thread",
+            "                                clock (by default the clock, unless reading it is slow)",
             "      --filters FILE            method filters to use instead of the agent's",
             "      --walltime FILE           methods measured in wall time instead of CPU time",
             "      --no-j2ee                 without SQL, servlet and JNDI events",
@@ -328,7 +332,13 @@ public final class Connect {
         long status = client.status();
         String cpu = "off";
         if ((status & ProfilingModesExt.CPU_TIMES_BIT) != 0) {
-            cpu = (status & ProfilingModesExt.CPU_COUNTS_BIT) != 0 ? "tracing" : "sampling";
+            if ((status & ProfilingModesExt.CPU_COUNTS_BIT) != 0) {
+                cpu = (status & ProfilingModesExt.CPU_SAMPLED_TIMES_BIT) == 0 ? "tracing"
+                        : (status & ProfilingModesExt.CPU_ASYNC_BIT) != 0
+                                ? "tracing, times from CPU-timer samples" : "tracing, times from samples";
+            } else {
+                cpu = (status & ProfilingModesExt.CPU_ASYNC_BIT) != 0 ? "sampling by CPU timers" : "sampling";
+            }
             if ((status & ProfilingModesExt.CPU_J2EE_BIT) != 0) {
                 cpu += ", with J2EE events";
             }
@@ -376,23 +386,45 @@ public final class Connect {
 
     private void startCpu() throws UsageException, IOException {
         if (myArgs.isEmpty()) {
-            throw new UsageException("start-cpu needs sampling or tracing");
+            throw new UsageException("start-cpu needs sampling, async or tracing");
         }
         long mode;
         switch (myArgs.get(0)) {
             case "sampling":
                 mode = ProfilingModes.CPU_SAMPLING;
                 break;
+            case "async":
+                mode = ProfilingModes.CPU_ASYNC_SAMPLING;
+                break;
             case "tracing":
                 mode = ProfilingModes.CPU_TRACING;
                 break;
             default:
-                throw new UsageException("start-cpu needs sampling or tracing, not '" + myArgs.get(0) + "'");
+                throw new UsageException("start-cpu needs sampling, async or tracing, not '" + myArgs.get(0) + "'");
         }
         String filters = null;
         String wallTime = null;
         boolean j2ee = true;
-        for (int i = 1; i < myArgs.size(); i++) {
+        int first = 1;
+        if (mode == ProfilingModes.CPU_TRACING && myArgs.size() > 1 && !myArgs.get(1).startsWith("--")) {
+            // Where tracing takes its times; without a word the agent chooses by the clock's cost.
+            switch (myArgs.get(1)) {
+                case "sampled":
+                    mode |= ProfilingModesExt.CPU_SAMPLED_TIMES_BIT;
+                    break;
+                case "clock":
+                    mode |= ProfilingModesExt.CPU_CLOCK_TIMES_BIT;
+                    break;
+                case "async":
+                    mode |= ProfilingModesExt.CPU_SAMPLED_TIMES_BIT | ProfilingModesExt.CPU_ASYNC_BIT;
+                    break;
+                default:
+                    throw new UsageException("start-cpu tracing takes sampled, async or clock, not '"
+                            + myArgs.get(1) + "'");
+            }
+            first = 2;
+        }
+        for (int i = first; i < myArgs.size(); i++) {
             String arg = myArgs.get(i);
             switch (arg) {
                 case "--filters":
@@ -414,7 +446,7 @@ public final class Connect {
             }
             client.startCpu(mode, filters, wallTime);
         }
-        myOut.println("CPU " + myArgs.get(0) + " started");
+        myOut.println("CPU " + (myArgs.get(0).equals("async") ? "async sampling" : myArgs.get(0)) + " started");
     }
 
     private static String readText(String file) throws IOException {

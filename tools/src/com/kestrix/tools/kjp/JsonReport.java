@@ -33,6 +33,7 @@ final class JsonReport {
 
         json.name("cpu").beginObject()
                 .field("mode", report.cpuMode())
+                .field("timesSource", report.timesSourceKey())
                 .name("invocationCounts").value(report.myProfile.hasCounts())
                 .field("totalTimeNs", report.myCpuNs)
                 .field("threadsWithData", report.myThreadsWithCpu)

@@ -120,6 +120,33 @@ final class Report {
         return myProfile.hasCounts() ? "tracing, with invocation counts" : "sampling";
     }
 
+    /**
+     * Where the CPU times came from, in words: the thread clock at every traced call, samples
+     * of all stacks at safepoints, or samples of each thread's CPU timer. Null for snapshots of
+     * agents that didn't say, or without CPU data.
+     */
+    String timesSource() {
+        String source = myProfile.property("kjp.cpu.times");
+        if (source == null || myThreadsWithCpu == 0) {
+            return null;
+        }
+        switch (source) {
+            case "clock":
+                return "the thread CPU clock, read at every traced call";
+            case "safepoint samples":
+                return "samples of all threads' stacks, taken at safepoints";
+            case "async samples":
+                return "samples at each thread's CPU timer, stacks walked without safepoints";
+            default:
+                return source;
+        }
+    }
+
+    /** The raw value of the times' source as the agent stored it, or null. */
+    String timesSourceKey() {
+        return myThreadsWithCpu == 0 ? null : myProfile.property("kjp.cpu.times");
+    }
+
     /** The agent's filters when it ran without a filter file of the user's. */
     static final String DEFAULT_FILTERS = "com.sun.*\njava.*\njavax.*\njdk.*\nsun.*\njrockit.*";
 

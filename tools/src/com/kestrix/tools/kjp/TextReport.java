@@ -46,6 +46,10 @@ final class TextReport {
                     + (myReport.myThreadsWithCpu == 1 ? " thread" : " threads");
         }
         field("CPU", cpu);
+        String times = myReport.timesSource();
+        if (times != null) {
+            field("Times", times);
+        }
         String filters = myReport.filtersNote();
         if (filters != null) {
             field("Filters", filters);

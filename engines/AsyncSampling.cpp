@@ -1,0 +1,725 @@
+#include "engines/AsyncSampling.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <ucontext.h>
+
+#include <new>
+
+#include "agent/AgentThread.h"
+#include "agent/CPUTime.h"
+#include "agent/Clock.h"
+#include "agent/JNIUtil.h"
+#include "agent/JVMTI_Agent.h"
+#include "agent/KAssert.h"
+#include "agent/KLock.h"
+#include "agent/KMap.h"
+#include "agent/Options.h"
+#include "db/DB.h"
+#include "engines/KFrameStorage.h"
+#include "engines/KMethod.h"
+#include "engines/Sampling.h"
+#include "engines/ThreadInfo.h"
+
+#ifndef sigev_notify_thread_id
+#define sigev_notify_thread_id _sigev_un._tid
+#endif
+
+static_assert(ASYNC_SAMPLING_SIGNAL == SIGPROF, "the timers signal with SIGPROF");
+
+namespace {
+
+// The JVM's own view of a walk's request and result; the layout is the JVM's.
+struct CallTrace {
+  JNIEnv* myEnv;
+  jint myFrameCount;
+  AsyncFrame* myFrames;
+};
+typedef void (*StackWalk)(CallTrace* trace, jint depth, void* ucontext);
+
+// Codes the walk returns instead of a frame count.
+const jint WALK_NO_JAVA_FRAME = 0;
+const jint WALK_NO_CLASS_LOAD = -1;
+const jint WALK_GC_ACTIVE = -2;
+const jint WALK_UNKNOWN_NOT_JAVA = -3;
+const jint WALK_NOT_WALKABLE_NOT_JAVA = -4;
+const jint WALK_UNKNOWN_JAVA = -5;
+const jint WALK_NOT_WALKABLE_JAVA = -6;
+
+const char* const TRUNCATED_STACK_FRAME = "<truncated stack>";
+const char* const UNKNOWN_JAVA_FRAME = "<unknown Java>";
+
+// More live threads than this sample the rest of the time without timers; each slot costs the
+// address space of a ring, of which only the touched pages are memory.
+const int MAX_SLOTS = 4096;
+
+// What a timer's signal carries: a mark that tells the agent's timers from any other SIGPROF
+// timer of the process, the slot's generation and the slot's index.
+const uint64_t TOKEN_MARK = 0x4b4aULL << 48;
+const uint64_t TOKEN_MARK_MASK = 0xffffULL << 48;
+
+const jlong IDLE_POLL_MS = 100;
+// The drainer comes every few sampling periods, soon enough that a thread burning CPU without
+// pause fills no more than about half of its ring, and never faster than every 5 ms.
+const jlong MIN_DRAIN_MS = 5;
+const jlong MAX_DRAIN_MS = 50;
+// Threads in wall-time methods are found by a walk of all stacks at a safepoint, at most this
+// often: the price of that walk is what the timers avoid for everything else.
+const jlong MIN_WALL_PASS_MS = 100;
+
+// One profiled thread's timer and samples. Slots are made on first need and never freed, so a
+// handler that runs late (a signal queued before its timer was deleted) writes to valid memory;
+// the generation tells it that it no longer owns the slot.
+struct ThreadSlot {
+  std::atomic<uint32_t> myGeneration;
+  // Set while a handler writes the ring; whoever hands the slot on waits for it to clear.
+  std::atomic<bool> myBusy;
+  // The thread the slot serves, read by its handler while tracing.
+  std::atomic<ThreadInfo*> myInfo;
+  // The rest belongs to ourLock.
+  bool myInUse;
+  timer_t myTimer;
+  SampleRing myRing;
+};
+
+std::atomic<ThreadSlot*> ourSlots[MAX_SLOTS];
+// Under ourLock: the slot of each thread that has a timer, -1 for one whose timer was refused.
+KMap<ThreadInfo*, jint> ourSlotOfThread(64);
+
+std::atomic<bool> ourActive(false);
+std::atomic<bool> ourTracing(false);
+std::atomic<jlong> ourPeriodNs(20000000);
+// Set once the asynchronous sampler has been asked for: from then on every class prepared gets
+// its method handles at once, since the walk can only name methods that have them.
+std::atomic<bool> ourWantsMethodIDs(false);
+
+StackWalk ourStackWalk = nullptr;
+bool ourHandlerInstalled = false;
+struct sigaction ourPreviousAction;
+
+jrawMonitorID ourDrainerMonitor = nullptr;
+jlong ourLastWallPassNs = 0;
+
+// The thread's JNI environment, looked up by its first sample: the walk needs it, and the
+// JVM's lookup reads only the thread's own state.
+__thread JNIEnv* ourThreadEnv __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// --- the signal handler: lock-free atomics and the JVM's walk only ---
+
+void passToPreviousHandler(int signo, siginfo_t* info, void* context) {
+  if ((ourPreviousAction.sa_flags & SA_SIGINFO) != 0) {
+    if (ourPreviousAction.sa_sigaction != nullptr) {
+      ourPreviousAction.sa_sigaction(signo, info, context);
+    }
+    return;
+  }
+  // SIGPROF's default action ends the process: a stray one is dropped instead.
+  if (ourPreviousAction.sa_handler != SIG_DFL && ourPreviousAction.sa_handler != SIG_IGN &&
+      ourPreviousAction.sa_handler != nullptr) {
+    ourPreviousAction.sa_handler(signo);
+  }
+}
+
+jint walkFrom(JNIEnv* env, AsyncFrame* frames, void* context) {
+  CallTrace trace = {env, 0, frames};
+  ourStackWalk(&trace, SampleRing::MAX_FRAMES, context);
+  return trace.myFrameCount;
+}
+
+#if defined(__x86_64__)
+// Frames of the JVM's stubs (array copies, CRC and other intrinsics) and a compiled method's
+// first and last instructions are places the walk gives up on, though the caller is one return
+// address away. The walk is tried again as if the thread had just returned: first to the return
+// address on top of the stack, as it is at a call's first instruction and in stubs without a
+// frame; then from the frame that the frame pointer describes, as stubs that set one up leave
+// it, when it points a little above the stack pointer. In that order, the known-truth benchmark
+// puts every variant within 2 points; the other order lets a stale frame pointer in compiled
+// code name a method that ran earlier. Only words of the thread's own stack between the stack
+// pointer and 4 KiB above it are read.
+const uintptr_t NEAR_STACK_TOP = 4096;
+
+bool isNearStackTop(uintptr_t address, uintptr_t sp) {
+  return address >= sp && address + 16 <= sp + NEAR_STACK_TOP && (address & 7) == 0;
+}
+
+jint walkFromCaller(JNIEnv* env, AsyncFrame* frames, void* context) {
+  ucontext_t* original = static_cast<ucontext_t*>(context);
+  uintptr_t sp = static_cast<uintptr_t>(original->uc_mcontext.gregs[REG_RSP]);
+  uintptr_t fp = static_cast<uintptr_t>(original->uc_mcontext.gregs[REG_RBP]);
+  ucontext_t caller = *original;
+  jint result = WALK_UNKNOWN_JAVA;
+  if (isNearStackTop(sp, sp)) {
+    caller.uc_mcontext.gregs[REG_RIP] = static_cast<greg_t>(*reinterpret_cast<const uintptr_t*>(sp));
+    caller.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(sp + 8);
+    result = walkFrom(env, frames, &caller);
+    if (result > 0) {
+      return result;
+    }
+    caller = *original;
+  }
+  if (isNearStackTop(fp, sp)) {
+    const uintptr_t* saved = reinterpret_cast<const uintptr_t*>(fp);
+    caller.uc_mcontext.gregs[REG_RIP] = static_cast<greg_t>(saved[1]);
+    caller.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(fp + 16);
+    caller.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(saved[0]);
+    result = walkFrom(env, frames, &caller);
+  }
+  return result;
+}
+#endif
+
+// The thread's Java frames, top first, into 'frames'; a code of 0 and below when there are none.
+jint walkStack(JNIEnv* env, AsyncFrame* frames, void* context) {
+  jint result = walkFrom(env, frames, context);
+#if defined(__x86_64__)
+  if ((result == WALK_UNKNOWN_JAVA || result == WALK_NOT_WALKABLE_JAVA) && context != nullptr) {
+    jint retried = walkFromCaller(env, frames, context);
+    if (retried > 0) {
+      return retried;
+    }
+  }
+#endif
+  return result;
+}
+
+void takeSample(ThreadSlot* slot, siginfo_t* info, void* context) {
+  // An expiry the kernel could not signal at once (the thread ran on for several periods in
+  // one tick) is counted as an overrun: the sample stands for all of them.
+  jlong expiries = 1 + (info->si_overrun > 0 ? info->si_overrun : 0);
+  SampleRing::Entry* entry = slot->myRing.beginWrite(expiries * ourPeriodNs.load(std::memory_order_relaxed));
+  if (entry == nullptr) {
+    return;
+  }
+  if (ourTracing.load(std::memory_order_relaxed)) {
+    ThreadInfo* threadInfo = slot->myInfo.load(std::memory_order_acquire);
+    entry->myTracedFrame =
+        threadInfo == nullptr ? -1 : __atomic_load_n(&threadInfo->myCurrentFrameIndex, __ATOMIC_RELAXED);
+  } else {
+    JNIEnv* env = ourThreadEnv;
+    if (env == nullptr) {
+      void* found = nullptr;
+      if (ourVM != nullptr && ourVM->GetEnv(&found, JNI_VERSION_1_6) == JNI_OK) {
+        env = static_cast<JNIEnv*>(found);
+        ourThreadEnv = env;
+      }
+    }
+    entry->myFrameCount = env == nullptr ? WALK_UNKNOWN_NOT_JAVA : walkStack(env, entry->myFrames, context);
+  }
+  slot->myRing.commit();
+}
+
+void onSignal(int signo, siginfo_t* info, void* context) {
+  int savedErrno = errno;
+  uint64_t token = reinterpret_cast<uint64_t>(info->si_value.sival_ptr);
+  if (info->si_code != SI_TIMER || (token & TOKEN_MARK_MASK) != TOKEN_MARK) {
+    passToPreviousHandler(signo, info, context);
+    errno = savedErrno;
+    return;
+  }
+  uint32_t index = static_cast<uint32_t>(token & 0xffffffffULL);
+  uint32_t generation = static_cast<uint32_t>((token >> 32) & 0xffffULL);
+  ThreadSlot* slot = index < static_cast<uint32_t>(MAX_SLOTS) ? ourSlots[index].load(std::memory_order_acquire)
+                                                               : nullptr;
+  if (slot != nullptr && !slot->myBusy.exchange(true, std::memory_order_acquire)) {
+    if ((slot->myGeneration.load(std::memory_order_acquire) & 0xffffU) == generation &&
+        ourActive.load(std::memory_order_relaxed)) {
+      takeSample(slot, info, context);
+    }
+    slot->myBusy.store(false, std::memory_order_release);
+  }
+  errno = savedErrno;
+}
+
+// --- set-up, under ourLock ---
+
+bool installHandler() {
+  if (ourHandlerInstalled) {
+    return true;
+  }
+  struct sigaction action;
+  memset(&action, 0, sizeof(action));
+  action.sa_sigaction = onSignal;
+  action.sa_flags = SA_RESTART | SA_SIGINFO;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(ASYNC_SAMPLING_SIGNAL, &action, &ourPreviousAction) != 0) {
+    return false;
+  }
+  // The handler stays for the JVM's life: a signal still queued from a deleted timer must find it.
+  ourHandlerInstalled = true;
+  return true;
+}
+
+// A timer on the calling thread's CPU clock, made and deleted at once: the kernel takes such
+// timers, or the sampler can't run.
+bool timersWork() {
+  struct sigevent event;
+  memset(&event, 0, sizeof(event));
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = ASYNC_SAMPLING_SIGNAL;
+  event.sigev_notify_thread_id = getCurrentThreadID();
+  event.sigev_value.sival_ptr = nullptr;
+  timer_t timer;
+  if (timer_create(threadCPUClockId(getCurrentThreadID()), &event, &timer) != 0) {
+    return false;
+  }
+  timer_delete(timer);
+  return true;
+}
+
+ThreadSlot* newSlot() {
+  void* memory = mmap(nullptr, sizeof(ThreadSlot), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) {
+    return nullptr;
+  }
+  ThreadSlot* slot = new (memory) ThreadSlot();
+  slot->myGeneration.store(0);
+  slot->myBusy.store(false);
+  slot->myInfo.store(nullptr);
+  slot->myInUse = false;
+  return slot;
+}
+
+// A free slot's index, making one when all are taken; -1 when none can be had.
+jint takeFreeSlot() {
+  for (jint i = 0; i < MAX_SLOTS; i++) {
+    ThreadSlot* slot = ourSlots[i].load(std::memory_order_relaxed);
+    if (slot == nullptr) {
+      slot = newSlot();
+      if (slot == nullptr) {
+        return -1;
+      }
+      ourSlots[i].store(slot, std::memory_order_release);
+    }
+    if (!slot->myInUse) {
+      return i;
+    }
+  }
+  return -1;
+}
+
+// Gives the thread a slot and a timer that signals it every period of CPU time it burns.
+void armThread(ThreadInfo* info) {
+  jint index = takeFreeSlot();
+  if (index == -1) {
+    ourSlotOfThread.put(info, -1);
+    return;
+  }
+  ThreadSlot* slot = ourSlots[index].load(std::memory_order_relaxed);
+  uint32_t generation = slot->myGeneration.load() & 0xffffU;
+  slot->myRing.reset();
+  slot->myInfo.store(info, std::memory_order_release);
+  struct sigevent event;
+  memset(&event, 0, sizeof(event));
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = ASYNC_SAMPLING_SIGNAL;
+  event.sigev_notify_thread_id = static_cast<int>(info->myThreadID);
+  event.sigev_value.sival_ptr =
+      reinterpret_cast<void*>(TOKEN_MARK | (static_cast<uint64_t>(generation) << 32) | static_cast<uint64_t>(index));
+  int tid = static_cast<int>(info->myThreadID);
+  if (timer_create(threadCPUClockId(tid), &event, &slot->myTimer) != 0) {
+    // The thread has just ended, or the kernel ran out of timers: it goes unsampled.
+    slot->myInfo.store(nullptr);
+    ourSlotOfThread.put(info, -1);
+    return;
+  }
+  jlong period = ourPeriodNs.load();
+  struct itimerspec spec;
+  spec.it_interval.tv_sec = static_cast<time_t>(period / 1000000000LL);
+  spec.it_interval.tv_nsec = static_cast<long>(period % 1000000000LL);
+  spec.it_value = spec.it_interval;
+  if (timer_settime(slot->myTimer, 0, &spec, nullptr) != 0) {
+    timer_delete(slot->myTimer);
+    slot->myInfo.store(nullptr);
+    ourSlotOfThread.put(info, -1);
+    return;
+  }
+  slot->myInUse = true;
+  ourSlotOfThread.put(info, index);
+}
+
+void armNewThreads() {
+  forEachLiveThread([&](ThreadInfo* info) {
+    if (!info->myIsAgentThread && info->myThreadID != 0 && !ourSlotOfThread.containsKey(info)) {
+      armThread(info);
+    }
+  });
+}
+
+// Deletes the slot's timer and waits for a handler that may still be writing, so that the
+// slot can serve another thread.
+void disarmSlot(ThreadSlot* slot) {
+  timer_delete(slot->myTimer);
+  slot->myGeneration.fetch_add(1);
+  while (slot->myBusy.load(std::memory_order_acquire)) {
+    sched_yield();
+  }
+}
+
+// --- turning samples into the call tree, under ourLock ---
+
+jint methodFlagsOfFrame(jint frame) {
+  return ourDB->myMethodTable->getRecord(ourFrameStorage.getMethodIndex(frame), true)->myFlags;
+}
+
+jint pseudoMethod(const char* name) { return KMethod::getByName(name, "", ""); }
+
+// The method row of a handle from the walk; 0 when the JVM no longer knows the handle (its
+// class was unloaded since the sample).
+jint methodIndexOf(JNIEnv* env, jmethodID method) {
+  jint known = 0;
+  if (ourMethodID2MethodIndex.get(method, &known) && known != 0) {
+    return known;
+  }
+  char* name = nullptr;
+  char* signature = nullptr;
+  if (ourJVMTI->GetMethodName(method, &name, &signature, nullptr) != JVMTI_ERROR_NONE) {
+    return 0;
+  }
+  jint index = 0;
+  jclass declaring = nullptr;
+  if (ourJVMTI->GetMethodDeclaringClass(method, &declaring) == JVMTI_ERROR_NONE && declaring != nullptr) {
+    char* classSignature = nullptr;
+    if (ourJVMTI->GetClassSignature(declaring, &classSignature, nullptr) == JVMTI_ERROR_NONE &&
+        classSignature != nullptr) {
+      index = getMethodByName(classSignature, name, signature);
+      ourMethodID2MethodIndex.put(method, index);
+      deallocate(classSignature);
+    }
+    env->DeleteLocalRef(declaring);
+  }
+  deallocate(name);
+  deallocate(signature);
+  return index;
+}
+
+// The call-tree frame of a walked sample: its Java frames from the root, or a pseudo-frame
+// below the root when the walk found none.
+jint frameOfWalk(JNIEnv* env, const SampleRing::Entry& entry) {
+  if (entry.myFrameCount <= 0) {
+    return ourFrameStorage.getChild(0, pseudoMethod(pseudoFrameName(entry.myFrameCount)));
+  }
+  jint count = entry.myFrameCount < SampleRing::MAX_FRAMES ? entry.myFrameCount : SampleRing::MAX_FRAMES;
+  jint frame = 0;
+  if (count == SampleRing::MAX_FRAMES) {
+    frame = ourFrameStorage.getChild(0, pseudoMethod(TRUNCATED_STACK_FRAME));
+  }
+  for (jint i = count - 1; i >= 0; i--) {
+    jmethodID method = entry.myFrames[i].myMethod;
+    jint index = method == nullptr ? 0 : methodIndexOf(env, method);
+    frame = ourFrameStorage.getChild(frame, index != 0 ? index : pseudoMethod(UNKNOWN_JAVA_FRAME));
+  }
+  return frame;
+}
+
+// Charges a sample's CPU time to 'frame' and its callers, as the safepoint sampler does, except
+// that time from a wall-time method upwards is left to the wall pass.
+void chargeCPU(ThreadInfo* info, jint frame, jlong ns) {
+  frame = skipHiddenFrames(frame);
+  if (frame == 0 || frame == -1 || ns < 1 || ns > MAX_SAMPLE_DELTA_NS) {
+    return;
+  }
+  if ((methodFlagsOfFrame(frame) & MF_WAIT) != 0) {
+    return;  // a wait that spins is still idle time
+  }
+  for (; frame != 0 && frame != -1; frame = ourFrameStorage.getParent(frame)) {
+    if ((methodFlagsOfFrame(frame) & MF_WALL_TIME) != 0) {
+      return;
+    }
+    CPUProfilingRecord* record = info->getCPUProfilingRecord(frame, true);
+    record->time += ns;
+    record->myModificationStamp = ourDB->myModificationStamp;
+  }
+}
+
+void drainSlot(JNIEnv* env, ThreadSlot* slot, ThreadInfo* info) {
+  for (const SampleRing::Entry* entry = slot->myRing.peek(); entry != nullptr; entry = slot->myRing.peek()) {
+    jint frame = entry->myTracedFrame;
+    if (!ourTracing.load()) {
+      frame = frameOfWalk(env, *entry);
+    }
+    chargeCPU(info, frame, entry->myCPUTimeNs);
+    slot->myRing.pop();
+  }
+}
+
+void drainAll(JNIEnv* env) {
+  for (jint i = 0; i < ourSlotOfThread._capacity; i++) {
+    if (ourSlotOfThread._states[i] != KMAP_FULL || ourSlotOfThread._values[i] == -1) {
+      continue;
+    }
+    drainSlot(env, ourSlots[ourSlotOfThread._values[i]].load(), ourSlotOfThread._keys[i]);
+  }
+}
+
+// From the innermost wall-time frame at or above 'frame' upwards, the thread was busy for the
+// whole interval, burning CPU or not.
+void chargeWall(ThreadInfo* info, jint frame, jlong wall) {
+  frame = skipHiddenFrames(frame);
+  if (frame == 0 || frame == -1 || (methodFlagsOfFrame(frame) & MF_WAIT) != 0) {
+    return;
+  }
+  bool inWallTime = false;
+  for (; frame != 0 && frame != -1; frame = ourFrameStorage.getParent(frame)) {
+    inWallTime = inWallTime || (methodFlagsOfFrame(frame) & MF_WALL_TIME) != 0;
+    if (inWallTime) {
+      CPUProfilingRecord* record = info->getCPUProfilingRecord(frame, true);
+      record->time += wall;
+      record->myModificationStamp = ourDB->myModificationStamp;
+      info->myNeedsWallTimeCorrection = true;
+    }
+  }
+}
+
+bool hasWallTimeMethod(JNIEnv* env, const jvmtiStackInfo& stack) {
+  for (jint i = 0; i < stack.frame_count; i++) {
+    jint index = methodIndexOf(env, stack.frame_buffer[i].method);
+    if (index != 0 && (ourDB->myMethodTable->getRecord(index, true)->myFlags & MF_WALL_TIME) != 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Charges 'wall' to the wall-time methods that threads are in. While tracing, the probes know
+// each thread's frame; otherwise the stacks are taken at a safepoint.
+void wallPass(JNIEnv* env, jlong wall) {
+  if (wall < 1 || wall > MAX_SAMPLE_DELTA_NS) {
+    return;
+  }
+  if (ourTracing.load()) {
+    forEachLiveThread([&](ThreadInfo* info) {
+      if (!info->myIsAgentThread) {
+        chargeWall(info, info->myCurrentFrameIndex, wall);
+      }
+    });
+    return;
+  }
+  jvmtiStackInfo* stacks = nullptr;
+  jint count = 0;
+  if (ourJVMTI->GetAllStackTraces(SAMPLER_MAX_FRAMES, &stacks, &count) != JVMTI_ERROR_NONE) {
+    return;
+  }
+  for (jint i = 0; i < count; i++) {
+    const jvmtiStackInfo& stack = stacks[i];
+    ThreadInfo* info = (stack.state & JVMTI_THREAD_STATE_ALIVE) != 0 ? getThreadInfoJVMTI(stack.thread) : nullptr;
+    if (info != nullptr && !info->myIsAgentThread && hasWallTimeMethod(env, stack)) {
+      chargeWall(info, ourFrameStorage.fillCurrentFrameJVMTIFromStackInfo(env, stack, nullptr), wall);
+    }
+    env->DeleteLocalRef(stack.thread);
+  }
+  deallocate(stacks);
+}
+
+jlong drainIntervalMs() {
+  jlong ms = static_cast<jlong>(ourOptions.mySamplingPeriod) * 4;
+  return ms < MIN_DRAIN_MS ? MIN_DRAIN_MS : ms > MAX_DRAIN_MS ? MAX_DRAIN_MS : ms;
+}
+
+// One round of the drainer. Caller holds ourLock.
+void drainerPass(JNIEnv* env) {
+  armNewThreads();
+  drainAll(env);
+  jlong now = getTimeNs();
+  jlong wallPassMs = ourOptions.mySamplingPeriod > MIN_WALL_PASS_MS ? ourOptions.mySamplingPeriod : MIN_WALL_PASS_MS;
+  if (now - ourLastWallPassNs >= wallPassMs * 1000000LL) {
+    wallPass(env, now - ourLastWallPassNs);
+    ourLastWallPassNs = now;
+  }
+}
+
+void JNICALL drainerEntry(jvmtiEnv* jvmti, JNIEnv* env, void*) {
+  // Held for good, as the safepoint sampler holds its own: a sleep the JVM knows about.
+  check_JVMTI_error(jvmti->RawMonitorEnter(ourDrainerMonitor));
+  for (;;) {
+    jvmti->RawMonitorWait(ourDrainerMonitor, ourActive.load() ? drainIntervalMs() : IDLE_POLL_MS);
+    if (!ourActive.load() || ourVMDeathCalled) {
+      continue;
+    }
+    LockHolder holder(&ourLock, "AsyncSampling(360)");
+    if (ourActive.load()) {
+      drainerPass(env);
+    }
+  }
+}
+
+void startDrainer(JNIEnv* env) {
+  check_JVMTI_error(ourJVMTI->CreateRawMonitor("kjp_async_sampler", &ourDrainerMonitor));
+  jthread thread = createAgentThread(env, "KJPAgent-AsyncSampler");
+  check_JVMTI_error(ourJVMTI->RunAgentThread(thread, drainerEntry, nullptr, JVMTI_THREAD_MAX_PRIORITY));
+  env->DeleteLocalRef(thread);
+}
+
+// Method handles of every class loaded so far; later classes get theirs as they are prepared.
+void makeMethodIDsOfLoadedClasses(JNIEnv* env) {
+  jint count = 0;
+  jclass* classes = nullptr;
+  if (ourJVMTI->GetLoadedClasses(&count, &classes) != JVMTI_ERROR_NONE) {
+    return;
+  }
+  for (jint i = 0; i < count; i++) {
+    jint status = 0;
+    if (ourJVMTI->GetClassStatus(classes[i], &status) == JVMTI_ERROR_NONE && (status & JVMTI_CLASS_STATUS_PREPARED) != 0) {
+      jint methodCount = 0;
+      jmethodID* methods = nullptr;
+      if (ourJVMTI->GetClassMethods(classes[i], &methodCount, &methods) == JVMTI_ERROR_NONE) {
+        deallocate(methods);
+      }
+    }
+    if (env != nullptr) {
+      env->DeleteLocalRef(classes[i]);
+    }
+  }
+  deallocate(classes);
+}
+
+void JNICALL classPrepared(jvmtiEnv* jvmti, JNIEnv*, jthread, jclass klass) {
+  if (!ourWantsMethodIDs.load(std::memory_order_relaxed)) {
+    return;
+  }
+  jint count = 0;
+  jmethodID* methods = nullptr;
+  if (jvmti->GetClassMethods(klass, &count, &methods) == JVMTI_ERROR_NONE) {
+    jvmti->Deallocate(reinterpret_cast<unsigned char*>(methods));
+  }
+}
+
+// The JVM's walk answers only while some environment hears of class loads (otherwise every
+// sample shows as "<class loading>"): the allocation engine handles them for the agent's whole
+// life, so this engine adds no handler of its own to every class load.
+void setEventHandlers(jvmtiEventCallbacks* callbacks) { callbacks->ClassPrepare = classPrepared; }
+
+const jvmtiEvent EVENTS_AT_LOAD[] = {JVMTI_EVENT_CLASS_PREPARE};
+
+// A thread's queued samples are booked while its ThreadInfo still exists, and its slot is
+// handed back. Runs on the ending thread, so its own handler can't be running.
+void threadEnded(ThreadInfo* info) {
+  jint index = -1;
+  if (!ourSlotOfThread.get(info, &index)) {
+    return;
+  }
+  ourSlotOfThread.remove(info);
+  if (index == -1) {
+    return;
+  }
+  ThreadSlot* slot = ourSlots[index].load();
+  disarmSlot(slot);
+  JNIEnv* env = nullptr;
+  if (ourVM->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) == JNI_OK && env != nullptr) {
+    drainSlot(env, slot, info);
+  }
+  slot->myRing.reset();
+  slot->myInfo.store(nullptr);
+  slot->myInUse = false;
+}
+
+// Samples still queued belong in the tables about to be written.
+void beforeTablesWritten(JNIEnv* env, jint tableMask) {
+  if (ourActive.load() && (tableMask & (1 << CPUPROFILING_TABLE_ID)) != 0) {
+    drainAll(env);
+  }
+}
+
+}  // namespace
+
+const char* asyncSamplingUnavailableReason(bool haveStackWalk, bool timersWork, bool handlerInstalled) {
+  if (!haveStackWalk) {
+    return "this JVM does not export AsyncGetCallTrace";
+  }
+  if (!timersWork) {
+    return "the kernel refuses timers on a thread's CPU clock";
+  }
+  if (!handlerInstalled) {
+    return "the handler of SIGPROF cannot be installed";
+  }
+  return nullptr;
+}
+
+const char* pseudoFrameName(jint walkResult) {
+  switch (walkResult) {
+    case WALK_GC_ACTIVE:
+      return "<GC>";
+    case WALK_UNKNOWN_NOT_JAVA:
+    case WALK_NOT_WALKABLE_NOT_JAVA:
+    case WALK_NO_JAVA_FRAME:
+      return "<native>";
+    case WALK_UNKNOWN_JAVA:
+    case WALK_NOT_WALKABLE_JAVA:
+      return UNKNOWN_JAVA_FRAME;
+    case WALK_NO_CLASS_LOAD:
+      return "<class loading>";
+    default:
+      return "<VM>";
+  }
+}
+
+bool startAsyncSampling(JNIEnv* env) {
+  if (ourStackWalk == nullptr) {
+    ourStackWalk = reinterpret_cast<StackWalk>(dlsym(RTLD_DEFAULT, "AsyncGetCallTrace"));
+  }
+  bool haveWalk = ourStackWalk != nullptr;
+  bool timers = haveWalk && timersWork();
+  bool handler = timers && installHandler();
+  const char* reason = asyncSamplingUnavailableReason(haveWalk, timers, handler);
+  if (reason != nullptr) {
+    fprintf(stderr, KJP_LOG_PREFIX "*** Warning ***: asynchronous sampling is not available (%s); CPU sampling at safepoints is used\n",
+            reason);
+    fflush(stderr);
+    return false;
+  }
+  if (!ourWantsMethodIDs.exchange(true)) {
+    makeMethodIDsOfLoadedClasses(env);
+  }
+  ourPeriodNs.store(static_cast<jlong>(ourOptions.mySamplingPeriod) * 1000000LL);
+  ourTracing.store((ourStatus & CPU_COUNTS_BIT) != 0);
+  ourLastWallPassNs = getTimeNs();
+  ourActive.store(true);
+  armNewThreads();
+  return true;
+}
+
+void stopAsyncSampling(JNIEnv* env) {
+  if (!ourActive.load()) {
+    return;
+  }
+  for (jint i = 0; i < ourSlotOfThread._capacity; i++) {
+    if (ourSlotOfThread._states[i] == KMAP_FULL && ourSlotOfThread._values[i] != -1) {
+      disarmSlot(ourSlots[ourSlotOfThread._values[i]].load());
+    }
+  }
+  drainAll(env);
+  ourActive.store(false);
+  for (jint i = 0; i < ourSlotOfThread._capacity; i++) {
+    if (ourSlotOfThread._states[i] == KMAP_FULL && ourSlotOfThread._values[i] != -1) {
+      ThreadSlot* slot = ourSlots[ourSlotOfThread._values[i]].load();
+      slot->myRing.reset();
+      slot->myInfo.store(nullptr);
+      slot->myInUse = false;
+    }
+    if (ourSlotOfThread._states[i] == KMAP_FULL) {
+      ourSlotOfThread.remove(ourSlotOfThread._keys[i]);  // a tombstone: the walk goes on
+    }
+  }
+}
+
+bool isAsyncSamplingActive() { return ourActive.load(std::memory_order_relaxed); }
+
+jlong asyncSamplingPeriodNs() { return ourPeriodNs.load(); }
+
+const Engine ourAsyncSamplingEngine = {
+    "asyncsampling",
+    nullptr,
+    setEventHandlers,
+    eventList(EVENTS_AT_LOAD),
+    nullptr,
+    startDrainer,
+    NativeList{nullptr, 0},
+    NativeList{nullptr, 0},
+    threadEnded,
+    nullptr,
+    beforeTablesWritten,
+};
