@@ -19,8 +19,10 @@ extern const Engine ourAsyncSamplingEngine;
 const int ASYNC_SAMPLING_SIGNAL = 27;  // SIGPROF on Linux
 
 // Samples a thread's ring holds between two drains, and the frames a sample keeps (the top
-// ones; a deeper stack hangs its innermost frames below "<truncated stack>").
-typedef SampleRingOf<8, 1024> SampleRing;
+// ones; a deeper stack hangs its innermost frames below "<truncated stack>"). 32 samples leave
+// the drainer 32 ms of delay at a 1 ms period on a busy machine before samples merge; a ring is
+// address space, of which a thread touches a page per sample of a shallow stack.
+typedef SampleRingOf<32, 512> SampleRing;
 
 // Why the asynchronous sampler cannot run here, or null when it can: the JVM's walk is missing,
 // the kernel refuses per-thread CPU timers, or the signal's handler can't be installed.
