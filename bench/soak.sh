@@ -51,9 +51,18 @@ kjp periodic 10 1000000 > /dev/null
 "$java_home/bin/java" -cp "$work/classes:$tools" com.kestrix.bench.UpdateClient "$port" "$seconds" > "$work/client.out" 2>&1 &
 client=$!
 
-# The database's total in KB, from the agent's own statistics.
+# The database's total in KB, from the agent's own statistics; the last figure when the agent
+# is busy with a capture and the request fails (which is counted, not fatal: the listener serves
+# one client at a time, and a heap capture can hold it for seconds).
+stats_failures=0
+last_db=0
 database_kb() {
-    kjp stats | awk '/^Total size:/ { printf "%d\n", $3 * 1024 }'
+    local kb
+    if kb=$(kjp stats 2> /dev/null | awk '/^Total size:/ { printf "%d\n", $3 * 1024 }') && [ -n "$kb" ]; then
+        last_db=$kb
+    else
+        stats_failures=$((stats_failures + 1))
+    fi
 }
 
 echo "soak: $minutes min, JVM $jvm on port $port, $("$java_home/bin/java" -version 2>&1 | head -1)"
@@ -66,14 +75,15 @@ for ((minute = 1; minute <= minutes; minute++)); do
     kill -0 "$jvm" 2> /dev/null || { echo "the JVM has ended" >&2; cat "$work/jvm.err" >&2; exit 1; }
     rss=$(awk '/^VmRSS:/ { print $2 }' "/proc/$jvm/status")
     fds=$(ls "/proc/$jvm/fd" | wc -l)
-    db=$(database_kb)
+    database_kb
+    db=$last_db
     count=$(ls "$work/snapshots" | wc -l)
-    last=$(ls -t "$work/snapshots" | head -1)
-    size=$([ -n "$last" ] && stat -c %s "$work/snapshots/$last" || echo 0)
+    last=$(ls -t "$work/snapshots" | head -1 || true)
+    size=$([ -n "$last" ] && stat -c %s "$work/snapshots/$last" 2> /dev/null || echo 0)
     printf '%6d %10d %6d %12d %10d %14d\n' "$minute" "$rss" "$fds" "$db" "$count" "$size"
     # Old snapshots go, so that a long run doesn't fill the disk; their number is kept.
     ls -t "$work/snapshots" | tail -n +4 | while read -r old; do
-        : > "$work/snapshots/$old"
+        : > "$work/snapshots/$old" || true
     done
     if [ "$minute" -eq "$settle" ]; then
         settle_rss=$rss
@@ -110,5 +120,6 @@ if [ "$fds" -gt $((settle_fds + 8)) ]; then
     echo "FAIL: open descriptors grew from $settle_fds to $fds" >&2
     failed=1
 fi
+[ "$stats_failures" -gt 0 ] && echo "($stats_failures statistics requests met a busy agent)"
 [ "$failed" -eq 0 ] && echo "soak passed: RSS $settle_rss -> $rss KB, descriptors $settle_fds -> $fds, database $settle_db -> $db KB"
 exit "$failed"

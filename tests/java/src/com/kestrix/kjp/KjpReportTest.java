@@ -141,7 +141,7 @@ class KjpReportTest {
                 + "\"snapshotNumber\":1,\"formatVersion\":\"9\",\"creator\":\"Created by Kestrix Java Profiler 8.0.1\","
                 + "\"flags\":552,\"flagNames\":[\"invocation counts\",\"shutdown\"],"
                 + "\"jvm\":\"OpenJDK 64-Bit Server VM 17.0.99 (17.0.99+1-Debian)\",\"command\":null},"
-                + "\"cpu\":{\"mode\":\"tracing, with invocation counts\",\"invocationCounts\":true,"
+                + "\"cpu\":{\"mode\":\"tracing, with invocation counts\",\"timesSource\":null,\"invocationCounts\":true,"
                 + "\"totalTimeNs\":1500000000,\"threadsWithData\":2},"
                 + "\"threads\":["
                 + "{\"runningNumber\":1,\"name\":\"\\u003cOldest dead threads>\",\"group\":\"\",\"osThreadId\":0,\"cpuTimeNs\":null},"
