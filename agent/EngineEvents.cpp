@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "agent/EventGate.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
@@ -37,25 +38,20 @@ namespace {
 const int MAX_ENGINES = 16;
 jvmtiEventCallbacks ourEngineHandlers[MAX_ENGINES];
 
-#define KJP_DISPATCHER(Name, Parameters, Arguments)   \
-  void JNICALL dispatch##Name Parameters {            \
-    for (int i = 0; i < ourEngineCount; i++) {        \
-      if (ourEngineHandlers[i].Name != nullptr) {     \
-        ourEngineHandlers[i].Name Arguments;          \
-      }                                               \
-    }                                                 \
+#define KJP_DISPATCHER(Name, Parameters, Arguments) \
+  void JNICALL dispatch##Name Parameters {          \
+    EventGate::Passage passage(ourEngineEventGate); \
+    if (!passage.open()) {                          \
+      return;                                       \
+    }                                               \
+    for (int i = 0; i < ourEngineCount; i++) {      \
+      if (ourEngineHandlers[i].Name != nullptr) {   \
+        ourEngineHandlers[i].Name Arguments;        \
+      }                                             \
+    }                                               \
   }
 KJP_ENGINE_EVENTS(KJP_DISPATCHER)
 #undef KJP_DISPATCHER
-
-// The handler for one event: the only engine's own, or the dispatcher when there are more.
-template <typename Handler>
-void choose(Handler* target, Handler handler, Handler dispatcher) {
-  if (handler == nullptr) {
-    return;
-  }
-  *target = *target == nullptr ? handler : dispatcher;
-}
 
 void registerNatives(JNIEnv* env, jclass klass, const NativeList& natives) {
   if (natives.myCount == 0) {
@@ -91,7 +87,10 @@ void setEngineEventHandlers(jvmtiEventCallbacks* callbacks) {
     KJP_ENGINE_EVENTS(KJP_COPY)
 #undef KJP_COPY
     KASSERT_TEXT(memcmp(&known, &mine, sizeof(known)) == 0, "an engine handles an event the agent can't dispatch");
-#define KJP_CHOOSE(Name, Parameters, Arguments) choose(&callbacks->Name, mine.Name, dispatch##Name);
+#define KJP_CHOOSE(Name, Parameters, Arguments) \
+  if (mine.Name != nullptr) {                   \
+    callbacks->Name = dispatch##Name;           \
+  }
     KJP_ENGINE_EVENTS(KJP_CHOOSE)
 #undef KJP_CHOOSE
   }

@@ -10,10 +10,10 @@
 // Adds every engine's capabilities to 'capabilities'.
 void addEngineCapabilities(jvmtiCapabilities* capabilities);
 
-// Puts the engines' handlers into 'callbacks'. An event that one engine handles goes to its
-// handler directly; one that several handle goes to a dispatcher that calls them all, in
-// table order. An engine that handles an event the dispatcher doesn't know is a programming
-// error and ends the process at load.
+// Puts the engines' handlers into 'callbacks': each event that an engine handles goes to a
+// dispatcher that passes ourEngineEventGate and calls every engine's handler, in table order.
+// An engine that handles an event the dispatcher doesn't know is a programming error and ends
+// the process at load.
 void setEngineEventHandlers(jvmtiEventCallbacks* callbacks);
 
 // Switches on the events the engines want from load on.

@@ -5,6 +5,7 @@
 #include "agent/CPUTime.h"
 #include "agent/CoreInitialization.h"
 #include "agent/EngineEvents.h"
+#include "agent/EventGate.h"
 #include "agent/JNIRedirection.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
@@ -51,6 +52,9 @@ void JNICALL vmDeath(jvmtiEnv* jvmti, JNIEnv* env) {
   }
   jlong status = ourStatus;
   ourVMDeathCalled = true;
+  // The engines' handlers still running on other threads finish while the JVM answers them;
+  // the exit snapshot then sees their data complete.
+  ourEngineEventGate.close(2000);
   captureSnapshotOnExit(env, status);
   stopListening(env);
   // The data dump event was never enabled; switching it off is kept as a harmless no-op.

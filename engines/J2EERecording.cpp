@@ -17,14 +17,15 @@ void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
   if (phase != JVMTI_PHASE_LIVE && phase != JVMTI_PHASE_START) {
     return;
   }
+  // The phase may still change under the questions below, so their errors end the check
+  // rather than the JVM.
   jboolean isInterface = JNI_FALSE;
-  check_JVMTI_error(ourJVMTI->IsInterface(klass, &isInterface));
   // An interface has no bodies for the J2EE probes to run in, so it is never marked.
-  if (isInterface) {
+  if (ourJVMTI->IsInterface(klass, &isInterface) != JVMTI_ERROR_NONE || isInterface) {
     return;
   }
   if (J2EEHelper::isClassImplementsSQLInterfaces(env, klass) && ourJVMTI6 != nullptr) {
-    check_JVMTI_error(ourJVMTI6->SetTag(klass, 1));
+    ourJVMTI6->SetTag(klass, 1);
   }
 }
 

@@ -13,10 +13,13 @@ bool isCatalogueInterfaceSignature(const char* signature) { return J2EEHelper::o
 
 }  // namespace
 
+// Classes are still prepared while the JVM dies, and the JVM may enter its dead phase between
+// any two of the questions below; a class it no longer answers for is simply not a J2EE class.
 bool J2EEHelper::isClassImplementsSQLInterfaces(JNIEnv* env, jclass klass) {
   char* classSig = nullptr;
-  check_JVMTI_error(ourJVMTI->GetClassSignature(klass, &classSig, nullptr));
-  KASSERT(classSig);
+  if (ourJVMTI->GetClassSignature(klass, &classSig, nullptr) != JVMTI_ERROR_NONE || classSig == nullptr) {
+    return false;
+  }
   bool found = isCatalogueInterfaceSignature(classSig);
   deallocate(classSig);
   if (found) {
@@ -25,14 +28,16 @@ bool J2EEHelper::isClassImplementsSQLInterfaces(JNIEnv* env, jclass klass) {
 
   jint interfaceCount = 0;
   jclass* interfaces = nullptr;
-  check_JVMTI_error(ourJVMTI->GetImplementedInterfaces(klass, &interfaceCount, &interfaces));
+  if (ourJVMTI->GetImplementedInterfaces(klass, &interfaceCount, &interfaces) != JVMTI_ERROR_NONE) {
+    return false;
+  }
   for (jint i = 0; i < interfaceCount; i++) {
     if (!found) {
       char* sig = nullptr;
-      check_JVMTI_error(ourJVMTI->GetClassSignature(interfaces[i], &sig, nullptr));
-      KASSERT(sig);
-      found = isCatalogueInterfaceSignature(sig) || isClassImplementsSQLInterfaces(env, interfaces[i]);
-      deallocate(sig);
+      if (ourJVMTI->GetClassSignature(interfaces[i], &sig, nullptr) == JVMTI_ERROR_NONE && sig != nullptr) {
+        found = isCatalogueInterfaceSignature(sig) || isClassImplementsSQLInterfaces(env, interfaces[i]);
+        deallocate(sig);
+      }
     }
     env->DeleteLocalRef(interfaces[i]);
   }
