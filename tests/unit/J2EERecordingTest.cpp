@@ -20,7 +20,8 @@ struct FakeClass {
 std::set<const void*> ourFakeClasses;
 jvmtiError(JNICALL* ourMethodClassSignature)(jvmtiEnv*, jclass, char**, char**) = nullptr;
 std::vector<std::pair<jobject, jlong>> ourJ2EETags;
-bool ourNullSignatures = false;
+// How many more signatures the fake answers before it acts as a JVM that has died: -1 for ever.
+int ourSignaturesBeforeDeath = -1;
 
 FakeClass* classOf(jclass klass) { return reinterpret_cast<FakeClass*>(klass); }
 jclass handleOf(FakeClass* klass) { return reinterpret_cast<jclass>(klass); }
@@ -31,7 +32,7 @@ class J2EERecordingTest : public CPUEngineTest {
     CPUEngineTest::SetUp();
     ourFakeClasses.clear();
     ourJ2EETags.clear();
-    ourNullSignatures = false;
+    ourSignaturesBeforeDeath = -1;
     // Method handles stand for their classes in the CPU fake; fake classes answer for themselves.
     ourMethodClassSignature = myJVMTITable.GetClassSignature;
     myJVMTITable.GetClassSignature = [](jvmtiEnv* env, jclass klass, char** signature, char** generic) -> jvmtiError {
@@ -39,9 +40,11 @@ class J2EERecordingTest : public CPUEngineTest {
         return ourMethodClassSignature(env, klass, signature, generic);
       }
       EXPECT_EQ(nullptr, generic);
-      if (ourNullSignatures) {
-        *signature = nullptr;
-        return JVMTI_ERROR_NONE;
+      if (ourSignaturesBeforeDeath == 0) {
+        return JVMTI_ERROR_WRONG_PHASE;
+      }
+      if (ourSignaturesBeforeDeath > 0) {
+        ourSignaturesBeforeDeath--;
       }
       const std::string& text = classOf(klass)->signature;
       *signature = static_cast<char*>(malloc(text.size() + 1));
@@ -156,12 +159,21 @@ TEST_F(J2EERecordingTest, PreparedClassesImplementingCatalogueInterfacesAreMarke
   EXPECT_EQ(2u, ourJ2EETags.size());
 }
 
-TEST_F(J2EERecordingTest, AClassWithoutSignatureIsRefused) {
+TEST_F(J2EERecordingTest, AClassTheDyingJvmNoLongerAnswersForIsNoJ2EEClass) {
   FakeClass* object = declare("Ljava/lang/Object;", false, {}, nullptr);
   FakeClass* runnable = declare("Ljava/lang/Runnable;", true, {}, nullptr);
-  FakeClass* klass = declare("Lcom/acme/Task;", false, {runnable}, object);
-  ourNullSignatures = true;
-  EXPECT_DEATH(implementsSQL(klass), "classSig");
+  FakeClass* connection = declare("Ljava/sql/Connection;", true, {}, nullptr);
+  FakeClass* klass = declare("Lcom/acme/Task;", false, {runnable, connection}, object);
+  // Dead before the first question, and between the class's own name and its interfaces'
+  // (the memory the fake handed out is checked as given back).
+  for (int answered : {0, 1, 2}) {
+    ourSignaturesBeforeDeath = answered;
+    EXPECT_FALSE(implementsSQL(klass)) << answered;
+    markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(klass));
+    EXPECT_TRUE(ourJ2EETags.empty()) << answered;
+  }
+  ourSignaturesBeforeDeath = -1;
+  EXPECT_TRUE(implementsSQL(klass));
 }
 
 class J2EECatchTest : public CPUEngineTest {
