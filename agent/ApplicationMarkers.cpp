@@ -11,6 +11,8 @@ namespace {
 // Attached on first use and kept; a failed attach leaves it null until the next try.
 MarkerEntry* ourGlobalMarkers = nullptr;
 
+}  // namespace
+
 MarkerEntry* attachMarkerBlock(key_t key) {
   int id = shmget(key, MARKER_BLOCK_SIZE, IPC_CREAT | 0666);
   if (id == -1) {
@@ -22,6 +24,8 @@ MarkerEntry* attachMarkerBlock(key_t key) {
   }
   return static_cast<MarkerEntry*>(address);
 }
+
+namespace {
 
 void markEntry(MarkerEntry* block, int port, int type) {
   KASSERT(port >= 0);
@@ -37,12 +41,14 @@ void markEntry(MarkerEntry* block, int port, int type) {
 
 }  // namespace
 
-void createMarker(int port, int type) {
+MarkerEntry* getGlobalMarkerBlock() {
   if (ourGlobalMarkers == nullptr) {
     ourGlobalMarkers = attachMarkerBlock(MARKER_BLOCK_KEY);
   }
-  markEntry(ourGlobalMarkers, port, type);
+  return ourGlobalMarkers;
 }
+
+void createMarker(int port, int type) { markEntry(getGlobalMarkerBlock(), port, type); }
 
 void createMarkerInBlock(key_t key, int port, int type) {
   MarkerEntry* block = attachMarkerBlock(key);

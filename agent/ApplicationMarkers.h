@@ -30,6 +30,12 @@ void createMarker(int port, int type);
 // the machine's real block.
 void createMarkerInBlock(key_t key, int port, int type);
 
+// The machine's block, attached on first use; null while shared memory is not available.
+MarkerEntry* getGlobalMarkerBlock();
+
+// Attaches the block with 'key', creating it if it does not exist; null on failure.
+MarkerEntry* attachMarkerBlock(key_t key);
+
 // The marker of a Visual Studio plugin: type 8.
 extern "C" void createMarkerVSPlugin(int port);
 

@@ -11,6 +11,8 @@
 #include "agent/JNIUtil.h"
 #include "agent/KAssert.h"
 #include "agent/KString.h"
+#include "analysis/IndexSection.h"
+#include "analysis/ObjectStorage.h"
 #include "db/DB.h"
 #include "db/StringPool.h"
 #include "engines/J2EEIndex.h"
@@ -183,17 +185,13 @@ JNIEXPORT jstring JNICALL Java_com_kestrix_Natives_dbNgetDatabaseStatisticsImpl(
   return newStringUTF(env, toDB(db)->getStatistics());
 }
 
-// Re-saves an opened snapshot: header and tables. Null means success, otherwise the text of
-// the failure. A snapshot whose object graph is held in an object storage can't be re-saved by
-// this build: that needs the storage's cached counts and index section in the file.
+// Re-saves an opened snapshot: header and tables, and with an object storage its counts and
+// the index section, so that the next open needs no recomputing. Null means success, otherwise
+// the text of the failure.
 JNIEXPORT jstring JNICALL Java_com_kestrix_Natives_dbNwriteSnapshotImpl(JNIEnv* env, jclass, jlong db,
                                                                           jlong objectStorage, jstring file,
                                                                           jlong flags, jlong startTime,
                                                                           jstring sessionName) {
-  if (objectStorage != 0) {
-    throwException(env, "Snapshots with an object storage cannot be re-saved");
-    return nullptr;
-  }
   int fd = openFileForWrite(env, file);
   if (fd == -1) {
     return newStringUTF(env, "Cannot open file to write snapshot");
@@ -204,7 +202,11 @@ JNIEXPORT jstring JNICALL Java_com_kestrix_Natives_dbNwriteSnapshotImpl(JNIEnv* 
   jstring result = nullptr;
   {
     SnapshotWriter writer(fd, SNAPSHOT_BUFFER_SIZE, true);
-    writeSnapshot(env, database, writer, 0, flags);
+    if (objectStorage != 0) {
+      writeCachedStorageSnapshot(env, database, reinterpret_cast<ObjectStorage*>(objectStorage), writer, flags);
+    } else {
+      writeSnapshot(env, database, writer, 0, flags);
+    }
     writer.flush();
     if (writer.getError() != nullptr) {
       result = newStringUTF(env, writer.getError());

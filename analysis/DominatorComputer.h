@@ -1,0 +1,59 @@
+#ifndef KJP_DOMINATORCOMPUTER_H
+#define KJP_DOMINATORCOMPUTER_H
+
+#include <jni.h>
+
+#include "agent/KSet.h"
+#include "agent/KVector.h"
+#include "analysis/BigIntArray64.h"
+#include "analysis/ObjectStorage.h"
+
+// The dominator tree of a storage's object graph by Lengauer and Tarjan's algorithm in its
+// sophisticated form (balanced link, path-compressing eval), in near-linear time. It runs in
+// the constructor and leaves each object's immediate dominator in the storage's "i" array: 0,
+// the virtual root above all GC roots, for a root and for every object that no root reaches.
+//
+// Nothing recurses: the depth-first search and the path compression run on explicit stacks, so
+// a chain of ten million objects needs no more stack than a single object. The back-reference
+// table must have been built (osNcomputeBRTImpl) before.
+class DominatorComputer {
+ public:
+  // 'marks' is a bit set over objects: an object whose bit is clear is left out of the graph,
+  // both as a node and as a referrer.
+  DominatorComputer(JNIEnv* env, ObjectStorage* storage, const jint* roots, jint rootCount, const jint* marks);
+  ~DominatorComputer();
+  DominatorComputer(const DominatorComputer&) = delete;
+  DominatorComputer& operator=(const DominatorComputer&) = delete;
+
+  void depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable* refs);
+  void link(jint v, jint w);
+  jint eval(jint v);
+  void compress(jint v);
+
+  jint getDFSCount() const { return myDFSCount; }
+
+ private:
+  // The seven ints of a node lie together, so that each step of the algorithm touches one
+  // cache line.
+  enum Field { LABEL = 0, PARENT = 1, ANCESTOR = 2, CHILD = 3, VERTEX = 4, SEMI = 5, SIZE = 6, FIELDS = 7 };
+
+  jint& at(jint node, Field field) { return myData.getBlock()[static_cast<jlong>(node) * FIELDS + field]; }
+  jint semiOfLabel(jint node) { return at(at(node, LABEL), SEMI); }
+  void number(jint node, jint parent);
+  bool takes(jint target) { return target != 0 && isMarked(myMarks, target) && at(target, SEMI) == 0; }
+  void addToBucket(jint bucketOwner, jint node);
+  void processBucket(jint bucketOwner);
+  void computeSemidominators();
+
+  ObjectStorage* myStorage;
+  BigIntArray64Presized myData;  // "da"
+  jint mySentinel;
+  jint myDFSCount;
+  KSet<jint> myRoots;
+  const jint* myRoots0;
+  jint myRootCount;
+  const jint* myMarks;
+  KVector<jint> myCompressPath;
+};
+
+#endif
