@@ -203,10 +203,178 @@ public final class Natives {
 
     /**
      * Writes the database to a snapshot file with the given flags, session start time (seconds
-     * since 1970) and session name. Returns null on success, else the text of the failure.
-     * objectStorage must be 0: re-saving a snapshot together with its object storage is not
-     * available and throws a RuntimeException.
+     * since 1970) and session name. Returns null on success, else the text of the failure. With
+     * an object storage (not 0) the file also holds the storage's object count and, at its end,
+     * the index section with the storage's references and arrays, which {@link #osNreadArrayImpl}
+     * loads back without recomputing anything.
      */
     public static native String dbNwriteSnapshotImpl(long db, long objectStorage, String file, long flags,
             long startTime, String sessionName);
+
+    /** While an index section is written: the length the file will reach; 0 otherwise. */
+    public static native long getIndexFileFullLength();
+
+    // The object graph of a heap snapshot. A storage is a native object named by the long that
+    // osNcreate returns; it lives until osNdelete. Objects are numbered from 1 (index 0 is no
+    // object). Every object with a class keeps the class at reference position 0, its fields or
+    // elements from position 1. The create natives raise a RuntimeException for an index out of
+    // range, and "os::low-disk-space" when the storage's memory or temporary disk space runs out.
+    // A storage belongs to one thread at a time.
+
+    /** Array ids of osNreadArrayImpl and of the index section, in this order. */
+    public static final int OS_ARRAY_REFS_START_AND_COUNT = 0;
+    public static final int OS_ARRAY_REFS = 1;
+    public static final int OS_ARRAY_DOMINATOR = 2;
+    public static final int OS_ARRAY_SIZE = 3;
+    public static final int OS_ARRAY_RETAINED = 4;
+    public static final int OS_ARRAY_GENERATION = 5;
+    public static final int OS_ARRAY_ALLOCATOR_FRAME = 6;
+    public static final int OS_ARRAY_ALLOCATOR_THREAD = 7;
+    public static final int OS_ARRAY_META_POSITION = 8;
+    public static final int OS_ARRAY_META_LENGTH = 9;
+    public static final int OS_ARRAY_ARRAY_LENGTH = 10;
+    public static final int OS_ARRAY_PRIMITIVE_POSITION = 11;
+    public static final int OS_ARRAY_OID_HIGH = 12;
+    public static final int OS_ARRAY_COUNT = 13;
+
+    /**
+     * A storage for objectCount - 1 objects (the count includes index 0). forDominators adds the
+     * work areas of osNcomputeDominatorsAndRetainedSizesImpl. tempDir, if not null, is where
+     * file-backed arrays go.
+     */
+    public static native long osNcreate(int objectCount, boolean forDominators, String tempDir);
+
+    /** Frees the storage; 0 is ignored. */
+    public static native void osNdelete(long os);
+
+    /** A class with refCount reference slots (statics, loader and the like). */
+    public static native boolean osNcreateClassImpl(long os, int index, int size, int generation, int refCount);
+
+    /** An instance: its class at position 0, then refCount field slots. */
+    public static native boolean osNcreateObjectImpl(long os, int index, int classIndex, int size, int generation,
+            int refCount);
+
+    /** An object array: its class at position 0, then length element slots. */
+    public static native boolean osNcreateObjectArrayImpl(long os, int index, int classIndex, int size,
+            int generation, int length);
+
+    /** A primitive array: its class at position 0 and nothing else. */
+    public static native boolean osNcreatePrimArrayImpl(long os, int index, int classIndex, int size,
+            int generation, int length);
+
+    /** A multi-dimensional array: the class and the product of dims slots (2 slots without dims). */
+    public static native boolean osNcreateArrayExtImpl(long os, int index, int classIndex, int size,
+            int generation, int unused, int[] dims);
+
+    public static native void osNsetRefImpl(long os, int object, int target, int position);
+
+    public static native int osNgetRefImpl(long os, int object, int position);
+
+    public static native int osNgetRefCountImpl(long os, int object);
+
+    /** Whether an object was created at this index. */
+    public static native boolean osNisObjectValidImpl(long os, int index);
+
+    public static native void osNsetSizeImpl(long os, int index, int size);
+
+    /** The shallow size; -1 where there is no object. */
+    public static native int osNgetSizeImpl(long os, int index);
+
+    public static native void osNsetRetainedSizeImpl(long os, int index, long size);
+
+    public static native long osNgetRetainedSizeImpl(long os, int index);
+
+    /** The immediate dominator; 0 for a GC root and for an object no root reaches. */
+    public static native int osNgetDominatorImpl(long os, int index);
+
+    public static native int osNgetGenerationImpl(long os, int index);
+
+    public static native void osNsetAllocatorImpl(long os, int index, int thread, int frame);
+
+    /** The allocating thread's running number; -1 for an object whose allocation wasn't recorded. */
+    public static native int osNgetAllocatorThreadImpl(long os, int index);
+
+    public static native int osNgetAllocatorFrameImpl(long os, int index);
+
+    /** Where the object's record lies in the snapshot file, and its length. */
+    public static native void osNsetMetaImpl(long os, int index, int position, int length);
+
+    public static native int osNgetMetaPositionImpl(long os, int index);
+
+    public static native int osNgetMetaLengthImpl(long os, int index);
+
+    /** The array length; -1 for anything but an array. */
+    public static native int osNgetArrayLengthImpl(long os, int index);
+
+    public static native void osNsetPrimitiveDataPositionImpl(long os, int index, long position);
+
+    public static native long osNgetPrimitiveDataPositionImpl(long os, int index);
+
+    public static native void osNsetOIDHighPartImpl(long os, int index, int high);
+
+    public static native int osNgetOIDHighPartImpl(long os, int index);
+
+    /**
+     * Bulk load of one of the storage's arrays (ids OS_ARRAY_*): data[k] goes to position from + k
+     * for k below to - from. Values equal to the array's default are skipped, so pages holding
+     * nothing else are never allocated. False for an unknown id.
+     */
+    public static native boolean osNreadArrayImpl(long os, int arrayId, int[] data, int from, int to);
+
+    /** Debug output only. */
+    public static native void osNunmapImpl(long os);
+
+    /**
+     * Builds the back references, which the dominators need: for each object, the objects whose
+     * bit in bits is set that refer to it. counts must be zeroed, with an element per object.
+     */
+    public static native boolean osNcomputeBRTImpl(long os, int[] bits, int[] counts);
+
+    /**
+     * Dominators from the given GC roots over the objects whose bit in marks is set, then
+     * retained sizes. The storage must have been made for dominators, and osNcomputeBRTImpl run.
+     */
+    public static native boolean osNcomputeDominatorsAndRetainedSizesImpl(long os, int[] roots, int[] marks);
+
+    /** The sum of the shallow sizes of the objects whose bit is set. */
+    public static native long s1(long os, int[] bits);
+
+    /** Sets the bits of everything reachable from the listed objects whose bits are clear. */
+    public static native boolean f(long os, int[] objects, int[] bits);
+
+    /**
+     * What the group b[from..to) holds exclusively, as bits: without a, the group and everything
+     * that the listed objects reach only through it, with the objects set in exclude left out.
+     * With a, a's bits are or-ed in and the walk's own result stays in bits.
+     */
+    public static native boolean f0(long os, int[] a, int[] b, int from, int to, int[] objects, int[] exclude,
+            int[] bits);
+
+    // Object ids to dense indices: create with the number of ids, add exactly that many, convert
+    // once, then look up. Ranks start at 1; 0 is an id never added.
+
+    public static native long createOIDProcessor(boolean wide, int capacity);
+
+    public static native void processOIDs(long processor, long[] oids, int count);
+
+    public static native void convertOIDsToIndices(long processor);
+
+    public static native int getIndex(long processor, long oid);
+
+    public static native void deleteOIDProcessor(long processor);
+
+    // Profiled applications on this machine, from the shared-memory markers of their agents.
+
+    /** Marker type bits. */
+    public static final int MARKER_TYPE_BIT_JAVA = 1;
+    public static final int MARKER_TYPE_BIT_IIS = 4;
+
+    /**
+     * The ports of live processes whose marker has a bit of typeMask, ascending; entries of
+     * processes that have gone are cleared on the way. Null without shared memory.
+     */
+    public static native int[] fillPorts(int typeMask);
+
+    /** Clears the IIS bit of the port's marker. */
+    public static native void clearIIS(int port);
 }
