@@ -39,13 +39,15 @@ public final class Kjp {
             "  flame      an interactive flame graph: one self-contained HTML page (needs -o)",
             "  collapsed  folded stacks, one call path a line, as flame-graph tools and speedscope read them",
             "  alloc      recorded allocations: objects and bytes by allocating method and by call path",
-            "  heap       the heap dump: objects, classes, GC roots, the class histogram and the generations",
+            "  heap       the heap dump: objects, classes, GC roots, the class histogram and the generations;",
+            "             with --retained what holds the memory: retained sizes, paths from GC roots, dominators",
             "  locks      monitor contention: blocks, parks on java.util.concurrent locks and waits, by lock class,",
             "             by call path and by owner thread, with times and counts",
             "  exceptions exceptions counted: by class, by throwing path and by catching path (or uncaught)",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
             "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|mark|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
+            "  list       the JVMs on this machine that run the agent: port, process id, session (no SNAPSHOT)",
             "",
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
@@ -58,6 +60,9 @@ public final class Kjp {
             "                        of frames left out; --paths 0 leaves the paths out",
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
             "  --class NAME          heap: where the live objects of this class were allocated",
+            "  --retained            heap: the biggest objects by retained size with the shortest path from a GC",
+            "                        root, retained size by class, and the top dominators",
+            "  --save                heap --retained: keep the result in SNAPSHOT.index, which the next run loads",
             "  --merged              flame, collapsed: all threads in one tree, without a thread level",
             "  --raw-names           lambda and hidden classes with their numbers and addresses, as the JVM",
             "                        named them (by default 'App$$Lambda.run()', so that runs compare)",
@@ -98,6 +103,9 @@ public final class Kjp {
         double minPercent = 0.01;
         int maxDepth = Collapsed.DEFAULT_MAX_DEPTH;
         String className;
+        boolean retained;
+        boolean save;
+        HeapAnalysis analysis;
         final Set<String> threads = new LinkedHashSet<>();
     }
 
@@ -109,13 +117,17 @@ public final class Kjp {
         PrintStream err = new PrintStream(System.err, true, StandardCharsets.UTF_8);
         int status = args.length > 0 && args[0].equals("connect")
                 ? Connect.run(Arrays.copyOfRange(args, 1, args.length), out, err, System.console() != null)
-                : run(args, out, err, ZoneId.systemDefault());
+                : run(args, out, err, ZoneId.systemDefault(), Progress.onTerminal(err));
         out.flush();
         System.exit(status);
     }
 
     /** Runs one command with the given streams and time zone; returns the exit status. */
     public static int run(String[] args, PrintStream out, PrintStream err, ZoneId zone) {
+        return run(args, out, err, zone, Progress.NONE);
+    }
+
+    static int run(String[] args, PrintStream out, PrintStream err, ZoneId zone, Progress progress) {
         Arguments arguments;
         try {
             arguments = parse(args);
@@ -128,13 +140,24 @@ public final class Kjp {
             out.print(USAGE);
             return OK;
         }
+        if (arguments.command.equals("list")) {
+            return ListCommand.run(arguments.format, out, err);
+        }
         MethodNames.setRawNames(arguments.rawNames);
         Profile.setAgentThreadsShown(arguments.agent);
         String file = arguments.file.toString();
         try {
-            Snapshot snapshot = SnapshotReader.read(arguments.file);
+            Snapshot snapshot = arguments.retained ? RetainedCommand.read(arguments.file, progress)
+                    : SnapshotReader.read(arguments.file);
+            if (arguments.retained) {
+                arguments.analysis = RetainedCommand.analyse(snapshot, arguments.save, progress);
+                snapshot = arguments.analysis.mySnapshot;
+            }
             execute(arguments, snapshot, out, err, zone);
             return OK;
+        } catch (AgentLibrary.Missing e) {
+            err.println("kjp: heap --retained " + e.getMessage());
+            return FILE_ERROR;
         } catch (SnapshotFormatException e) {
             err.println("kjp: " + file + ": " + e.getMessage());
             return FILE_ERROR;
@@ -205,6 +228,16 @@ public final class Kjp {
                     break;
                 }
                 case "heap": {
+                    if (a.analysis != null) {
+                        RetainedReport retained = new RetainedReport(profile, a.analysis, a.top);
+                        if (a.format.equals("json")) {
+                            writer.write(retained.renderJson());
+                            writer.write('\n');
+                        } else {
+                            retained.writeText(zone, new PrintWriter(writer));
+                        }
+                        break;
+                    }
                     HeapReport report = new HeapReport(profile, a.top, a.className);
                     if (a.format.equals("json")) {
                         writer.write(report.renderJson());
@@ -339,6 +372,12 @@ public final class Kjp {
                 case "--class":
                     a.className = value(args, ++i, arg);
                     break;
+                case "--retained":
+                    a.retained = true;
+                    break;
+                case "--save":
+                    a.save = true;
+                    break;
                 case "--value": {
                     String v = value(args, ++i, arg).toLowerCase(Locale.ROOT);
                     if (v.equals("time")) {
@@ -389,6 +428,21 @@ public final class Kjp {
         if (a.command == null) {
             throw new UsageException("no command given");
         }
+        if (a.command.equals("list")) {
+            if (a.file != null) {
+                throw new UsageException("list takes no snapshot file");
+            }
+            return a;
+        }
+        if ((a.retained || a.save) && !a.command.equals("heap")) {
+            throw new UsageException("--retained and --save belong to heap");
+        }
+        if (a.save && !a.retained) {
+            throw new UsageException("--save keeps what --retained computes: give both");
+        }
+        if (a.retained && a.className != null) {
+            throw new UsageException("--class and --retained are two different heap views: give one");
+        }
         if (a.file == null) {
             throw new UsageException(a.command + ": no snapshot file given");
         }
@@ -401,7 +455,7 @@ public final class Kjp {
         }
         boolean lockOrException = a.command.equals("locks") || a.command.equals("exceptions");
         if (!reportLike && !lockOrException && !a.command.equals("heap") && !a.format.equals("text")) {
-            throw new UsageException("--format belongs to report, alloc, heap, locks and exceptions");
+            throw new UsageException("--format belongs to report, alloc, heap, locks, exceptions and list");
         }
         if (!a.command.equals("heap") && a.className != null) {
             throw new UsageException("--class belongs to heap");
@@ -418,7 +472,8 @@ public final class Kjp {
     private static void positional(Arguments a, String arg) throws UsageException {
         if (a.command == null) {
             if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed") && !arg.equals("alloc")
-                    && !arg.equals("heap") && !arg.equals("locks") && !arg.equals("exceptions")) {
+                    && !arg.equals("heap") && !arg.equals("locks") && !arg.equals("exceptions")
+                    && !arg.equals("list")) {
                 throw new UsageException("unknown command '" + arg + "'");
             }
             a.command = arg;

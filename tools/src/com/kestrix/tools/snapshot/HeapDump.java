@@ -34,6 +34,10 @@ public final class HeapDump {
     public record HeapClass(int oid, int nameStrID, int superOid, long size, int generation) {
     }
 
+    /** A reference a class holds, by record tag: 11 loader, 12 signers, 13 domain, 14 static field, 15 constant pool. */
+    public record ClassReference(int tag, int target, int ordinal) {
+    }
+
     /** A GC root record. */
     public record Root(int oid, int kind, int thread, int holder, int frame, int localNameStrID) {
     }
@@ -52,6 +56,10 @@ public final class HeapDump {
     long myClassReferences;
     int myAllocatorRecords;
     long myPrimitiveBytes;
+    ReferenceGraph myReferences;
+    final Map<Integer, int[]> myInstanceFieldNames = new HashMap<>();
+    final Map<Integer, int[]> myStaticFieldNames = new HashMap<>();
+    final Map<Integer, List<ClassReference>> myClassReferenceLists = new HashMap<>();
 
     HeapDump(int objectCount) {
         myObjectCount = objectCount;
@@ -108,6 +116,30 @@ public final class HeapDump {
     /** The frame that allocated a recorded object; 0 for others. */
     public int allocatorFrame(int oid) {
         return myAllocatorFrames == null ? 0 : myAllocatorFrames[oid];
+    }
+
+    /** The references, when the snapshot was read with them; null otherwise. */
+    public ReferenceGraph references() {
+        return myReferences;
+    }
+
+    /** The name ids of a class's instance reference fields, inherited first, by ordinal; null if unknown. */
+    public int[] instanceFieldNames(int classOid) {
+        return myInstanceFieldNames.get(classOid);
+    }
+
+    /** The name ids of a class's own static reference fields, by ordinal; null if unknown. */
+    public int[] staticFieldNames(int classOid) {
+        return myStaticFieldNames.get(classOid);
+    }
+
+    /** The references a class holds, in the order of the file; empty for others. */
+    public List<ClassReference> classReferences(int classOid) {
+        return myClassReferenceLists.getOrDefault(classOid, List.of());
+    }
+
+    void addClassReference(int classOid, int tag, int target, int ordinal) {
+        myClassReferenceLists.computeIfAbsent(classOid, k -> new ArrayList<>()).add(new ClassReference(tag, target, ordinal));
     }
 
     public long fieldReferences() {

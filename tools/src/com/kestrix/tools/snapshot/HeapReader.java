@@ -11,12 +11,22 @@ final class HeapReader {
     private final SnapshotInput myIn;
     private final long myFileSize;
     private final int myOidWidth;
+    private final boolean myWithReferences;
+    private final java.util.function.LongConsumer myProgress;
+    private ReferenceGraph myGraph;
     private boolean myEndedAtTable;
 
-    HeapReader(SnapshotInput in, long fileSize, int oidWidth) {
+    /**
+     * With 'withReferences' the references are kept too, as {@link HeapDump#references()}. The
+     * progress consumer, if any, hears the file offset now and then.
+     */
+    HeapReader(SnapshotInput in, long fileSize, int oidWidth, boolean withReferences,
+            java.util.function.LongConsumer progress) {
         myIn = in;
         myFileSize = fileSize;
         myOidWidth = oidWidth;
+        myWithReferences = withReferences;
+        myProgress = progress;
     }
 
     private int oid() throws IOException {
@@ -48,7 +58,7 @@ final class HeapReader {
         return myEndedAtTable;
     }
 
-    /** Reads up to and including the tag of the first table, or to the end of the file. */
+    /** Reads up to and including the tag of the first table. */
     HeapDump read() throws IOException {
         int objectCount = myIn.readInt();
         myIn.readInt(); // string values
@@ -57,13 +67,20 @@ final class HeapReader {
             throw damaged("heap object count " + objectCount, myIn.offset() - 12);
         }
         HeapDump heap = new HeapDump(objectCount);
+        if (myWithReferences) {
+            myGraph = new ReferenceGraph(objectCount);
+        }
+        long records = 0;
         while (!myIn.atEnd()) {
             long offset = myIn.offset();
+            if (myProgress != null && (++records & 0xFFFF) == 0) {
+                myProgress.accept(offset);
+            }
             int tag = myIn.readByte();
             switch (tag) {
                 case SnapshotReader.TABLE_TAG:
                     myEndedAtTable = true;
-                    return heap;
+                    return complete(heap);
                 case 3:
                 case 4:
                 case 5: {
@@ -73,7 +90,14 @@ final class HeapReader {
                     heap.myClassOf[oid] = classOid;
                     heap.mySizes[oid] = myIn.readLong();
                     heap.myGenerations[oid] = myIn.readInt();
-                    myIn.readInt(); // reference field count or length
+                    int count = myIn.readInt(); // reference field count or length
+                    if (myGraph != null) {
+                        if (count < 0 || (tag != 5 && count > myFileSize)) {
+                            throw damaged("reference count " + count, offset);
+                        }
+                        // The class at slot 0, then the fields or the elements of an object array.
+                        myGraph.declare(oid, tag == 5 ? 1 : count + 1);
+                    }
                     break;
                 }
                 case 7: {
@@ -93,10 +117,18 @@ final class HeapReader {
                 case 9:
                 case 10:
                 case 14:
-                case 15:
-                    object(heap, offset);
-                    object(heap, offset);
-                    myIn.readInt();
+                case 15: {
+                    int from = object(heap, offset);
+                    int to = object(heap, offset);
+                    int ordinal = myIn.readInt();
+                    if (myGraph != null) {
+                        if (tag == 9 || tag == 10) {
+                            myGraph.addFieldOrElement(from, to, ordinal, offset);
+                        }
+                    }
+                    if (tag == 14 || tag == 15) {
+                        heap.addClassReference(from, tag, to, ordinal);
+                    }
                     if (tag == 9) {
                         heap.myFieldReferences++;
                     } else if (tag == 10) {
@@ -105,13 +137,16 @@ final class HeapReader {
                         heap.myClassReferences++;
                     }
                     break;
+                }
                 case 11:
                 case 12:
-                case 13:
-                    object(heap, offset);
-                    object(heap, offset);
+                case 13: {
+                    int from = object(heap, offset);
+                    int to = object(heap, offset);
+                    heap.addClassReference(from, tag, to, -1);
                     heap.myClassReferences++;
                     break;
+                }
                 case 39:
                     readPrimitiveData(heap, offset);
                     break;
@@ -132,6 +167,16 @@ final class HeapReader {
                     throw damaged("unknown heap record tag " + tag, offset);
             }
         }
+        // The table stream always follows the heap: a file that ends in the heap was cut short,
+        // even where the cut falls between two records.
+        throw new java.io.EOFException();
+    }
+
+    private HeapDump complete(HeapDump heap) throws IOException {
+        if (myGraph != null) {
+            myGraph.complete(heap);
+            heap.myReferences = myGraph;
+        }
         return heap;
     }
 
@@ -146,11 +191,23 @@ final class HeapReader {
         for (int i = 0; i < interfaces; i++) {
             objectOrZero(heap, offset);
         }
+        int[][] referenceFieldNames = new int[2][];
         for (int list = 0; list < 4; list++) {
             int fields = count(offset);
+            if (list < 2) {
+                // Own static reference fields, then all instance reference fields: name, modifiers.
+                referenceFieldNames[list] = new int[fields];
+                for (int f = 0; f < fields; f++) {
+                    referenceFieldNames[list][f] = myIn.readInt();
+                    myIn.readInt();
+                }
+                continue;
+            }
             // name and modifiers, or name and signature letter
             myIn.skip((long) fields * (list < 2 ? 8 : 5));
         }
+        heap.myStaticFieldNames.put(oid, referenceFieldNames[0]);
+        heap.myInstanceFieldNames.put(oid, referenceFieldNames[1]);
         heap.myKinds[oid] = HeapDump.CLASS;
         heap.mySizes[oid] = size;
         heap.myGenerations[oid] = generation;

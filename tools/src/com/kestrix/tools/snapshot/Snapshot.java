@@ -8,12 +8,19 @@ public final class Snapshot {
     private final SnapshotHeader myHeader;
     private final Table[] myTables;
     private final HeapDump myHeap;
+    private final long myIndexOffset;
 
-    Snapshot(Path file, SnapshotHeader header, Table[] tables, HeapDump heap) {
+    Snapshot(Path file, SnapshotHeader header, Table[] tables, HeapDump heap, long indexOffset) {
         myFile = file;
         myHeader = header;
         myTables = tables;
         myHeap = heap;
+        myIndexOffset = indexOffset;
+    }
+
+    /** Where the body of the index section starts (after its tag), or -1 for a file without one. */
+    public long indexOffset() {
+        return myIndexOffset;
     }
 
     /** The heap dump, or null for a snapshot without heap. */

@@ -36,6 +36,10 @@ public final class SnapshotReader {
     /** What is being read, for messages about a file that ends there. */
     private String myPlace = "the header";
 
+    private boolean myWithReferences;
+    private long myIndexOffset = -1;
+    private java.util.function.LongConsumer myProgress;
+
     private SnapshotReader(Path file, long fileSize, InputStream in) {
         myFile = file;
         myFileSize = fileSize;
@@ -43,6 +47,15 @@ public final class SnapshotReader {
     }
 
     public static Snapshot read(Path file) throws IOException {
+        return read(file, false, null);
+    }
+
+    /**
+     * With 'withReferences', the heap dump keeps its references ({@link HeapDump#references()});
+     * 'progress', if not null, hears how far into the file reading has come, in bytes.
+     */
+    public static Snapshot read(Path file, boolean withReferences, java.util.function.LongConsumer progress)
+            throws IOException {
         long size;
         try {
             size = Files.size(file);
@@ -53,7 +66,10 @@ public final class SnapshotReader {
             throw new SnapshotFormatException("is a directory, not a snapshot file");
         }
         try (InputStream in = Files.newInputStream(file)) {
-            return new SnapshotReader(file, size, in).readSnapshot();
+            SnapshotReader reader = new SnapshotReader(file, size, in);
+            reader.myWithReferences = withReferences;
+            reader.myProgress = progress;
+            return reader.readSnapshot();
         }
     }
 
@@ -62,7 +78,7 @@ public final class SnapshotReader {
             SnapshotHeader header = readHeader();
             Table[] tables = new Table[TableLayout.TABLE_COUNT];
             HeapDump heap = readSections(header, tables);
-            return new Snapshot(myFile, header, tables, heap);
+            return new Snapshot(myFile, header, tables, heap, myIndexOffset);
         } catch (EOFException e) {
             throw new SnapshotFormatException(
                     "the file is truncated: it ends after " + myFileSize + " bytes, in " + myPlace);
@@ -136,11 +152,12 @@ public final class SnapshotReader {
             int tag = myIn.readByte();
             if (tag == INDEX_TAG) {
                 // The analysis index that ends a re-saved snapshot; the tables are complete here.
+                myIndexOffset = myIn.offset();
                 return heap;
             }
             if (tag == HEAP_TAG && heap == null) {
                 myPlace = "the heap dump";
-                HeapReader reader = new HeapReader(myIn, myFileSize, header.oidWidth());
+                HeapReader reader = new HeapReader(myIn, myFileSize, header.oidWidth(), myWithReferences, myProgress);
                 heap = reader.read();
                 if (!reader.endedAtTable()) {
                     return heap;
