@@ -124,6 +124,10 @@ public final class LiveAgent implements AutoCloseable {
         return myStderr.toString();
     }
 
+    public long pid() {
+        return myProcess.pid();
+    }
+
     public boolean isAlive() {
         return myProcess.isAlive();
     }
