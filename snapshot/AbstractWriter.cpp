@@ -45,6 +45,16 @@ void AbstractWriter::writeShort(int value) {
 
 void AbstractWriter::writeInt(jint value) {
   unsigned int bits = static_cast<unsigned int>(value);
+  // Ints are most of a heap dump's records: with room for one, no byte needs its own check.
+  if (myBufferCapacity - myNumberOfBufferedChars >= 4) {
+    char* at = myBuffer + myNumberOfBufferedChars;
+    at[0] = static_cast<char>(bits & 0xFF);
+    at[1] = static_cast<char>((bits >> 8) & 0xFF);
+    at[2] = static_cast<char>((bits >> 16) & 0xFF);
+    at[3] = static_cast<char>((bits >> 24) & 0xFF);
+    myNumberOfBufferedChars += 4;
+    return;
+  }
   writeByte(static_cast<int>(bits & 0xFF));
   writeByte(static_cast<int>((bits >> 8) & 0xFF));
   writeByte(static_cast<int>((bits >> 16) & 0xFF));

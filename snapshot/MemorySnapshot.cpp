@@ -1,8 +1,12 @@
 #include "snapshot/MemorySnapshot.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <jvmti.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
@@ -26,6 +30,7 @@ namespace {
 const char* const STARTUP_ALLOCATIONS_METHOD = "<Objects allocated during JVM startup>";
 const jint MAX_STACK_FRAMES = 10000;
 const jint FIELD_STATIC = 8;  // ACC_STATIC as GetFieldModifiers gives it
+const jint SCRATCH_BUFFER_SIZE = 1 << 20;
 
 struct _FieldInfo {
   // Ordinal among the instance reference fields, or among the instance primitive fields; -1
@@ -135,6 +140,18 @@ struct DumpState {
     delete[] myBlock;
   }
 
+  // Minus the next index, as assignObjectIndex counts.
+  jint nextCounter() {
+    ++myObjectCount;
+    if (myObjectCount >= myArrayInfoCapacity) {
+      jlong capacity = myArrayInfoCapacity < 1024 ? 1024 : myArrayInfoCapacity * 2;
+      myArrayInfo = grown(myArrayInfo, capacity);
+      myPrimitivesOffsets = grown(myPrimitivesOffsets, capacity);
+      myArrayInfoCapacity = capacity;
+    }
+    return -myObjectCount;
+  }
+
   JNIEnv* myEnv;
   SnapshotWriter& myWriter;
   // Indices handed out so far; the counter of assignObjectIndex is minus this, minus one.
@@ -149,11 +166,15 @@ struct DumpState {
   KMap<jlong, ThreadAndFrame> myThreadAndFrames;
   KVector<jlong> myClassTagsToAdd;
   // Per object index: an array's length, or the address of an instance's or a class's
-  // _ClassInfo. Grows with the numbering.
+  // _ClassInfo. Grows with the numbering, as does the next one.
   jlong* myArrayInfo = nullptr;
   jlong myArrayInfoCapacity = 0;
-  // Per object index: file position of the object's primitive block, 0 for none.
+  // Per object index: one past the position of the object's primitive block within the
+  // primitive data, 0 for none. The data's place in the file is known only once it is written.
   jlong* myPrimitivesOffsets = nullptr;
+  // Where the primitive data goes while the JVM hands it over: a scratch file when the values
+  // come in the same walk as the objects, the snapshot itself otherwise.
+  SnapshotWriter* myPrimitiveWriter = nullptr;
 
   // The primitive block being filled, field by field, for the object of myBlockIndex; written
   // in one piece once the JVM moves on to another object.
@@ -162,24 +183,16 @@ struct DumpState {
   jint myBlockSize = 0;
   jint myBlockIndex = 0;
   jlong myDataLength = 0;
-  jlong myDataStart = 0;
   jint myImproperReports = 0;
 
-  // Minus the next index, as assignObjectIndex counts.
-  jint nextCounter() {
-    ++myObjectCount;
-    if (myObjectCount >= myArrayInfoCapacity) {
-      jlong capacity = myArrayInfoCapacity < 1024 ? 1024 : myArrayInfoCapacity * 2;
-      jlong* grown = new jlong[capacity];
-      memset(grown, 0, sizeof(jlong) * static_cast<size_t>(capacity));
-      if (myArrayInfo != nullptr) {
-        memcpy(grown, myArrayInfo, sizeof(jlong) * static_cast<size_t>(myArrayInfoCapacity));
-        delete[] myArrayInfo;
-      }
-      myArrayInfo = grown;
-      myArrayInfoCapacity = capacity;
+  jlong* grown(jlong* old, jlong capacity) const {
+    jlong* bigger = new jlong[capacity];
+    memset(bigger, 0, sizeof(jlong) * static_cast<size_t>(capacity));
+    if (old != nullptr) {
+      memcpy(bigger, old, sizeof(jlong) * static_cast<size_t>(myArrayInfoCapacity));
+      delete[] old;
     }
-    return -myObjectCount;
+    return bigger;
   }
 
   jint getObjectIndex(jlong tag) const {
@@ -239,7 +252,7 @@ struct DumpState {
 
   void flushBlock() {
     if (myBlockIndex != 0) {
-      myWriter.writeBytes(myBlock, myBlockSize);
+      myPrimitiveWriter->writeBytes(myBlock, myBlockSize);
       myBlockIndex = 0;
     }
   }
@@ -603,102 +616,121 @@ jint staticOrdinal(_ClassInfo* info, jint fieldIndex) {
   return count - 1;
 }
 
-jint JNICALL writeReference(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenceInfo* referenceInfo, jlong,
-                            jlong, jlong, jlong* tagPtr, jlong* referrerTagPtr, jint, void* userData) {
-  DumpState* state = static_cast<DumpState*>(userData);
-  jlong tag = *tagPtr;
+// The index of an object of this dump, or 0 for an object the numbering didn't reach.
+jint indexOfTag(const DumpState* state, jlong tag) {
   if (tag == 0) {
-    return JVMTI_VISIT_OBJECTS;
+    return 0;
   }
-  jint to = state->getObjectIndex(tag);
-  if (to <= 0 || to > state->myObjectCount) {
-    return JVMTI_VISIT_OBJECTS;
+  jint index = state->getObjectIndex(tag);
+  return index <= 0 || index > state->myObjectCount ? 0 : index;
+}
+
+// The walk over the reachable heap goes through the JVM's older interface: it remembers the
+// referrer's tag from one reference to the next, where the newer one looks the referrer and
+// both classes up in its tag map for every reference. With every object tagged that map is as
+// big as the heap, and those lookups are most of the walk's time.
+jvmtiIterationControl JNICALL writeHeapRoot(jvmtiHeapRootKind kind, jlong, jlong, jlong* tagPtr, void* userData) {
+  DumpState* state = static_cast<DumpState*>(userData);
+  jint to = indexOfTag(state, *tagPtr);
+  if (to == 0) {
+    return JVMTI_ITERATION_CONTINUE;
+  }
+  switch (kind) {
+    case JVMTI_HEAP_ROOT_JNI_GLOBAL:
+      writeRoot(state, to, ROOT_JNI_GLOBAL, 0, 0, 0, 0);
+      break;
+    case JVMTI_HEAP_ROOT_SYSTEM_CLASS:
+      break;  // classes are roots by their own record
+    case JVMTI_HEAP_ROOT_MONITOR:
+      writeRoot(state, to, ROOT_MONITOR, 0, 0, 0, 0);
+      break;
+    case JVMTI_HEAP_ROOT_THREAD: {
+      ThreadAndFrame known = {0, 0};
+      state->myThreadAndFrames.get(*tagPtr, &known);
+      // The holder slot carries the low half of the thread object's own tag as it stands.
+      writeRoot(state, to, ROOT_THREAD, known.myThread, getAllocatorRowOfTag(*tagPtr), 0, 0);
+      break;
+    }
+    default:
+      writeRoot(state, to, ROOT_OTHER, 0, 0, 0, 0);
+      break;
+  }
+  return JVMTI_ITERATION_CONTINUE;
+}
+
+jvmtiIterationControl JNICALL writeStackRoot(jvmtiHeapRootKind kind, jlong, jlong, jlong* tagPtr, jlong threadTag,
+                                             jint depth, jmethodID method, jint slot, void* userData) {
+  DumpState* state = static_cast<DumpState*>(userData);
+  jint to = indexOfTag(state, *tagPtr);
+  if (to == 0) {
+    return JVMTI_ITERATION_CONTINUE;
+  }
+  if (kind != JVMTI_HEAP_ROOT_STACK_LOCAL && kind != JVMTI_HEAP_ROOT_JNI_LOCAL) {
+    if (state->myImproperReports++ < 10) {
+      fprintf(stderr, "Kestrix Java Profiler 8.0.1: stack_reference_callback: JVM passed improper root kind: %d\n",
+              static_cast<int>(kind));
+      fflush(stderr);
+    }
+    return JVMTI_ITERATION_CONTINUE;
+  }
+  jint thread = 0;
+  jint frame = 0;
+  findStackFrame(state, threadTag, depth, &thread, &frame);
+  if (kind == JVMTI_HEAP_ROOT_STACK_LOCAL) {
+    writeRoot(state, to, ROOT_STACK_LOCAL, thread, 0, frame, localName(state, method, slot));
+  } else {
+    writeRoot(state, to, ROOT_JNI_LOCAL, thread, 0, frame, 0);
+  }
+  return JVMTI_ITERATION_CONTINUE;
+}
+
+jvmtiIterationControl JNICALL writeReference(jvmtiObjectReferenceKind kind, jlong, jlong, jlong* tagPtr,
+                                             jlong referrerTag, jint referrerIndex, void* userData) {
+  DumpState* state = static_cast<DumpState*>(userData);
+  jint to = indexOfTag(state, *tagPtr);
+  jint from = indexOfTag(state, referrerTag);
+  if (to == 0 || from == 0) {
+    return JVMTI_ITERATION_CONTINUE;
   }
   SnapshotWriter& writer = state->myWriter;
   switch (kind) {
-    case JVMTI_HEAP_REFERENCE_JNI_GLOBAL:
-      writeRoot(state, to, ROOT_JNI_GLOBAL, 0, 0, 0, 0);
-      return JVMTI_VISIT_OBJECTS;
-    case JVMTI_HEAP_REFERENCE_SYSTEM_CLASS:
-      return JVMTI_VISIT_OBJECTS;  // classes are roots by their own record
-    case JVMTI_HEAP_REFERENCE_MONITOR:
-      writeRoot(state, to, ROOT_MONITOR, 0, 0, 0, 0);
-      return JVMTI_VISIT_OBJECTS;
-    case JVMTI_HEAP_REFERENCE_OTHER:
-      writeRoot(state, to, ROOT_OTHER, 0, 0, 0, 0);
-      return JVMTI_VISIT_OBJECTS;
-    case JVMTI_HEAP_REFERENCE_THREAD: {
-      ThreadAndFrame known = {0, 0};
-      state->myThreadAndFrames.get(tag, &known);
-      // The holder slot carries the low half of the thread object's own tag as it stands.
-      writeRoot(state, to, ROOT_THREAD, known.myThread, getAllocatorRowOfTag(tag), 0, 0);
-      return JVMTI_VISIT_OBJECTS;
-    }
-    case JVMTI_HEAP_REFERENCE_STACK_LOCAL: {
-      jint thread = 0;
-      jint frame = 0;
-      const jvmtiHeapReferenceInfoStackLocal& local = referenceInfo->stack_local;
-      findStackFrame(state, local.thread_tag, local.depth, &thread, &frame);
-      writeRoot(state, to, ROOT_STACK_LOCAL, thread, 0, frame, localName(state, local.method, local.slot));
-      return JVMTI_VISIT_OBJECTS;
-    }
-    case JVMTI_HEAP_REFERENCE_JNI_LOCAL: {
-      jint thread = 0;
-      jint frame = 0;
-      const jvmtiHeapReferenceInfoJniLocal& local = referenceInfo->jni_local;
-      findStackFrame(state, local.thread_tag, local.depth, &thread, &frame);
-      writeRoot(state, to, ROOT_JNI_LOCAL, thread, 0, frame, 0);
-      return JVMTI_VISIT_OBJECTS;
-    }
-    default:
+    case JVMTI_REFERENCE_FIELD:
+      writeFieldReference(state, from, to, referrerIndex);
       break;
-  }
-  if (referrerTagPtr == nullptr || *referrerTagPtr == 0) {
-    return JVMTI_VISIT_OBJECTS;
-  }
-  jint from = state->getObjectIndex(*referrerTagPtr);
-  if (from <= 0 || from > state->myObjectCount) {
-    return JVMTI_VISIT_OBJECTS;
-  }
-  switch (kind) {
-    case JVMTI_HEAP_REFERENCE_FIELD:
-      writeFieldReference(state, from, to, referenceInfo->field.index);
-      break;
-    case JVMTI_HEAP_REFERENCE_ARRAY_ELEMENT:
+    case JVMTI_REFERENCE_ARRAY_ELEMENT:
       writer.writeByte(HEAP_TAG_ARRAY_ELEMENT_REFERENCE);
       writer.writeOID(from);
       writer.writeOID(to);
-      writer.writeInt(referenceInfo->array.index);
+      writer.writeInt(referrerIndex);
       break;
-    case JVMTI_HEAP_REFERENCE_CLASS_LOADER:
-    case JVMTI_HEAP_REFERENCE_SIGNERS:
-    case JVMTI_HEAP_REFERENCE_PROTECTION_DOMAIN:
-      writer.writeByte(kind == JVMTI_HEAP_REFERENCE_CLASS_LOADER ? HEAP_TAG_CLASS_LOADER_REFERENCE
-                       : kind == JVMTI_HEAP_REFERENCE_SIGNERS  ? HEAP_TAG_SIGNERS_REFERENCE
-                                                               : HEAP_TAG_PROTECTION_DOMAIN_REFERENCE);
+    case JVMTI_REFERENCE_CLASS_LOADER:
+    case JVMTI_REFERENCE_SIGNERS:
+    case JVMTI_REFERENCE_PROTECTION_DOMAIN:
+      writer.writeByte(kind == JVMTI_REFERENCE_CLASS_LOADER ? HEAP_TAG_CLASS_LOADER_REFERENCE
+                       : kind == JVMTI_REFERENCE_SIGNERS  ? HEAP_TAG_SIGNERS_REFERENCE
+                                                          : HEAP_TAG_PROTECTION_DOMAIN_REFERENCE);
       writer.writeOID(from);
       writer.writeOID(to);
       break;
-    case JVMTI_HEAP_REFERENCE_STATIC_FIELD: {
-      _ClassInfo* info = state->classInfoOfTag(*referrerTagPtr);
-      if (info == nullptr || referenceInfo->field.index >= info->myFields.size()) {
+    case JVMTI_REFERENCE_STATIC_FIELD: {
+      _ClassInfo* info = state->classInfoOfTag(referrerTag);
+      if (info == nullptr || referrerIndex >= info->myFields.size()) {
         break;
       }
       writer.writeByte(HEAP_TAG_STATIC_FIELD_REFERENCE);
       writer.writeOID(from);
       writer.writeOID(to);
-      writer.writeInt(staticOrdinal(info, referenceInfo->field.index));
+      writer.writeInt(staticOrdinal(info, referrerIndex));
       break;
     }
-    case JVMTI_HEAP_REFERENCE_CONSTANT_POOL:
+    case JVMTI_REFERENCE_CONSTANT_POOL:
       writer.writeByte(HEAP_TAG_CONSTANT_POOL_REFERENCE);
       writer.writeOID(from);
       writer.writeOID(to);
-      writer.writeInt(referenceInfo->constant_pool.index);
+      writer.writeInt(referrerIndex);
       break;
-    case JVMTI_HEAP_REFERENCE_CLASS:
-    case JVMTI_HEAP_REFERENCE_INTERFACE:
-    case JVMTI_HEAP_REFERENCE_SUPERCLASS:
+    case JVMTI_REFERENCE_CLASS:
+    case JVMTI_REFERENCE_INTERFACE:
       break;  // told by the class and object records
     default:
       if (state->myImproperReports++ < 10) {
@@ -707,7 +739,7 @@ jint JNICALL writeReference(jvmtiHeapReferenceKind kind, const jvmtiHeapReferenc
         fflush(stderr);
       }
   }
-  return JVMTI_VISIT_OBJECTS;
+  return JVMTI_ITERATION_CONTINUE;
 }
 
 // ---- primitive values ----
@@ -722,7 +754,7 @@ void startBlock(DumpState* state, jint index, jint size) {
   memset(state->myBlock, 0, static_cast<size_t>(size));
   state->myBlockSize = size;
   state->myBlockIndex = index;
-  state->myPrimitivesOffsets[index] = state->myDataStart + state->myDataLength;
+  state->myPrimitivesOffsets[index] = state->myDataLength + 1;
   state->myDataLength += size;
 }
 
@@ -827,12 +859,12 @@ jint JNICALL writePrimitiveArray(jlong, jlong, jlong* tagPtr, jint length, jvmti
   }
   state->flushBlock();
   KASSERT(state->myPrimitivesOffsets[index] == 0);
-  state->myPrimitivesOffsets[index] = state->myDataStart + state->myDataLength;
+  state->myPrimitivesOffsets[index] = state->myDataLength + 1;
   jlong bytes = static_cast<jlong>(length) * size;
   state->myDataLength += bytes;
   // The JVM hands the elements over in the machine's order, which is little-endian here, as
   // the file wants; booleans are 0 or 1 already.
-  state->myWriter.writeBytes(elements, bytes);
+  state->myPrimitiveWriter->writeBytes(elements, bytes);
   return 0;
 }
 
@@ -910,9 +942,30 @@ void collectClasses(DumpState* state) {
   deallocate(classes);
 }
 
-// Class objects GetLoadedClasses left out (the mirrors of primitive types, hidden classes on
-// some JVMs), met as instances of java.lang.Class in the numbering.
+// Class objects GetLoadedClasses leaves out, met as instances of java.lang.Class in the
+// numbering: the mirrors of primitive types, and the mirrors that the JVM's class data archive
+// brings along for classes not loaded yet, near a thousand on a plain JVM. Only a search of the
+// whole tag map finds them, which after the first dump holds every object of the heap; so once
+// found they are kept for the dumps to come.
+KVector<jweak>* ourUnlistedClasses = nullptr;
+
 void addMissingClasses(DumpState* state) {
+  JNIEnv* env = state->myEnv;
+  if (ourUnlistedClasses == nullptr) {
+    ourUnlistedClasses = new KVector<jweak>(1024);
+  }
+  for (jint i = 0; i < ourUnlistedClasses->size(); i++) {
+    jobject klass = env->NewLocalRef(ourUnlistedClasses->get(i));
+    if (klass == nullptr) {
+      continue;  // unloaded
+    }
+    jlong tag = tagOf(klass);
+    if (tag != 0 && !state->myClassInfos.containsKey(tag)) {
+      addClassInfo(state, static_cast<jclass>(klass), tag);
+    }
+    env->DeleteLocalRef(klass);
+  }
+
   KVector<jlong> missing(16);
   for (jint i = 0; i < state->myClassTagsToAdd.size(); i++) {
     jlong tag = state->myClassTagsToAdd[i];
@@ -935,12 +988,82 @@ void addMissingClasses(DumpState* state) {
   for (jint i = 0; i < count; i++) {
     if (!state->myClassInfos.containsKey(tags[i])) {
       addClassInfo(state, static_cast<jclass>(objects[i]), tags[i]);
+      jweak kept = env->NewWeakGlobalRef(objects[i]);
+      if (kept != nullptr) {
+        ourUnlistedClasses->push(kept);
+      }
     }
-    state->myEnv->DeleteLocalRef(objects[i]);
+    env->DeleteLocalRef(objects[i]);
   }
   deallocate(objects);
   deallocate(tags);
 }
+
+// An unnamed file beside the snapshot, gone when closed. A snapshot's directory has room for
+// about as much again, and the values of a big heap would not fit in the JVM's memory.
+struct ScratchFile {
+  explicit ScratchFile(int snapshotFD) {
+    char link[64];
+    char path[PATH_MAX];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", snapshotFD);
+    ssize_t length = readlink(link, path, sizeof(path) - 1);
+    if (length <= 0) {
+      return;
+    }
+    path[length] = 0;
+    char* slash = strrchr(path, '/');
+    if (slash == nullptr) {
+      return;
+    }
+    *(slash == path ? slash + 1 : slash) = 0;
+    myFD = open(path, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (myFD < 0) {
+      return;
+    }
+    myWriter = new SnapshotWriter(myFD, SCRATCH_BUFFER_SIZE, true);
+  }
+
+  ~ScratchFile() {
+    delete myWriter;
+    if (myFD >= 0) {
+      close(myFD);
+    }
+  }
+
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+
+  // Appends the first 'length' bytes to 'to'. Bytes that can't be read back are written as
+  // zeros, so that the file keeps its shape; the warning says the values are wrong.
+  void copyTo(SnapshotWriter& to, jlong length) {
+    myWriter->flush();
+    const char* failure = myWriter->getError();
+    char* buffer = new char[SCRATCH_BUFFER_SIZE];
+    jlong done = 0;
+    while (done < length) {
+      size_t chunk = static_cast<size_t>(length - done < SCRATCH_BUFFER_SIZE ? length - done : SCRATCH_BUFFER_SIZE);
+      ssize_t got = failure == nullptr ? pread(myFD, buffer, chunk, static_cast<off_t>(done)) : -1;
+      if (got < 0 && errno == EINTR) {
+        continue;
+      }
+      if (got <= 0) {
+        failure = failure != nullptr ? failure : got < 0 ? strerror(errno) : "the file ended early";
+        memset(buffer, 0, chunk);
+        got = static_cast<ssize_t>(chunk);
+      }
+      to.writeBytes(buffer, got);
+      done += got;
+    }
+    delete[] buffer;
+    if (failure != nullptr && !ourOptions.myQuiet) {
+      fprintf(stderr, "[Kestrix Java Profiler 8.0.1] *** Warning ***: heap dump: primitive values lost: %s\n", failure);
+      fflush(stderr);
+    }
+  }
+
+  int myFD = -1;
+  SnapshotWriter* myWriter = nullptr;
+};
 
 }  // namespace
 
@@ -1000,8 +1123,18 @@ void HeapDump::write(const KString& snapshotName) {
   addMissingClasses(&state);
   progress.at(15);
 
+  // Objects and their primitive values in one walk: each walk of the JVM looks every object
+  // and its class up in a tag map as big as the heap, which costs more than the walk itself.
+  // The values come long before their place in the file, so they wait in a scratch file.
+  ScratchFile scratch(myWriter.getFD());
   jvmtiHeapCallbacks objects = callbacksOf(numberAndWriteObject);
+  if (scratch.myWriter != nullptr) {
+    state.myPrimitiveWriter = scratch.myWriter;
+    objects.primitive_field_callback = writePrimitiveField;
+    objects.array_primitive_value_callback = writePrimitiveArray;
+  }
   succeeded(ourJVMTI->IterateThroughHeap(0, nullptr, &objects, &state), "IterateThroughHeap");
+  state.flushBlock();
   progress.at(20);
   collectThreads(&state, progress);
   progress.at(25);
@@ -1017,21 +1150,23 @@ void HeapDump::write(const KString& snapshotName) {
   progress.at(30);
 
   // Roots, class references, fields and array elements in one walk of the reachable heap.
-  jvmtiHeapCallbacks references;
-  memset(&references, 0, sizeof(references));
-  references.heap_reference_callback = writeReference;
-  succeeded(ourJVMTI->FollowReferences(0, nullptr, nullptr, &references, &state), "FollowReferences");
+  succeeded(ourJVMTI->IterateOverReachableObjects(writeHeapRoot, writeStackRoot, writeReference, &state),
+            "IterateOverReachableObjects");
   progress.at(45);
 
-  // Primitive values: the fields of each object, then the elements of the arrays, as one
-  // stretch of data, followed by each object's position in it.
+  // Primitive values: the fields of each object and the elements of the arrays as one stretch
+  // of data, followed by each object's position in it.
   myWriter.writeByte(HEAP_TAG_PRIMITIVE_DATA);
-  jlong objectCount = state.myObjectCount;
-  state.myPrimitivesOffsets = new jlong[objectCount + 1];
-  memset(state.myPrimitivesOffsets, 0, sizeof(jlong) * static_cast<size_t>(objectCount + 1));
-  {
+  jlong dataStart = 0;
+  if (scratch.myWriter != nullptr) {
+    myWriter.writeLong(state.myDataLength);
+    dataStart = myWriter.position();
+    scratch.copyTo(myWriter, state.myDataLength);
+  } else {
+    // Without a scratch file the values take a walk of their own, straight into the snapshot.
     SnapshotWriter::LongCounter dataLength(myWriter);
-    state.myDataStart = myWriter.position();
+    dataStart = myWriter.position();
+    state.myPrimitiveWriter = &myWriter;
     jvmtiHeapCallbacks primitives;
     memset(&primitives, 0, sizeof(primitives));
     primitives.primitive_field_callback = writePrimitiveField;
@@ -1042,6 +1177,7 @@ void HeapDump::write(const KString& snapshotName) {
     dataLength.commit();
   }
   progress.at(55);
+  jlong objectCount = state.myObjectCount;
   myWriter.writeInt(static_cast<jint>(objectCount + 1));
   jlong position = myWriter.position();
   while (position % 8 != 0) {
@@ -1049,7 +1185,8 @@ void HeapDump::write(const KString& snapshotName) {
     position++;
   }
   for (jlong i = 0; i <= objectCount; i++) {
-    myWriter.writeLong(state.myPrimitivesOffsets[i]);
+    jlong offset = state.myPrimitivesOffsets[i];
+    myWriter.writeLong(offset == 0 ? 0 : dataStart + offset - 1);
     if (i % 10000 == 0) {
       progress.at(55 + static_cast<jint>(10 * i / (objectCount + 1)));
     }
