@@ -28,7 +28,6 @@ DominatorComputer::DominatorComputer(JNIEnv* env, ObjectStorage* storage, const 
   at(mySentinel, LABEL) = mySentinel;
   depthFirstSearchDom(env, storage->myVisited, &storage->myRefs);
   storage->myRefs.unmapRefTable("AFTER depthFirstSearchDom");
-  // From here the bit of a node says that its bucket holds a set rather than a single node.
   memset(storage->myVisited, 0, visitedBytes);
   KASSERT_TEXT(storage->myBackRefTable, "backRefTable");
   computeSemidominators();
@@ -57,22 +56,26 @@ void DominatorComputer::number(jint node, jint parent) {
 }
 
 void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable* refs) {
-  // Two ints a level: the node, and the position of its next reference to look at.
+  // Three ints a level: the node, and the slots of its references still to look at. Keeping the
+  // slots here, a node that the search comes back to after a deep subtree costs no second look
+  // at its entry of the reference table, which is long out of the cache by then.
   BigIntArray64 stack(env, "dfsd", 0);
+  BigIntArray64& targets = refs->getRefs();
   number(0, mySentinel);
   setMark(visited, 0);
   jint top = 0;
   stack.set(0, 0);
   stack.set(1, 0);
+  stack.set(2, myRootCount);
   while (top >= 0) {
-    jint node = stack.get(2 * top);
-    jint position = stack.get(2 * top + 1);
-    jint count = node == 0 ? myRootCount : refs->getRefCount(node);
+    jint node = stack.get(3 * top);
+    jint slot = stack.get(3 * top + 1);
+    jint end = stack.get(3 * top + 2);
     jint target = 0;
-    while (position < count) {
-      jint candidate = node == 0 ? myRoots0[position] : refs->getRef(node, position);
-      position++;
-      if (takes(candidate)) {
+    while (slot < end) {
+      jint candidate = node == 0 ? myRoots0[slot] : targets.get(slot);
+      slot++;
+      if (takes(visited, candidate)) {
         target = candidate;
         break;
       }
@@ -81,60 +84,53 @@ void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable
       top--;
       continue;
     }
-    stack.set(2 * top + 1, position);
+    stack.set(3 * top + 1, slot);
     number(target, node);
     setMark(visited, target);
     top++;
-    stack.set(2 * top, target);
-    stack.set(2 * top + 1, 0);
+    jint start = refs->getStartAndCount()[2 * target];
+    stack.set(3 * top, target);
+    stack.set(3 * top + 1, start);
+    stack.set(3 * top + 2, start + refs->getRefCount(target));
   }
 }
 
+// A bucket is a list threaded through the nodes' bucket words: the low half of a node's word is
+// the first node of its bucket, plus one (0 for an empty bucket); the high half is the next node
+// in the bucket the node itself waits in, plus one. A node waits in one bucket at most, so the
+// lists need no memory beyond the word a node has anyway, and no allocation at all.
 void DominatorComputer::addToBucket(jint bucketOwner, jint node) {
-  jlong& word = myStorage->myDominatorBuckets[bucketOwner];
-  if (word == 0) {
-    word = node;
-  } else if (!isMarked(myStorage->myVisited, bucketOwner)) {
-    KSet<jint>* set = new KSet<jint>(2);
-    set->add(static_cast<jint>(word));
-    set->add(node);
-    word = reinterpret_cast<jlong>(set);
-    setMark(myStorage->myVisited, bucketOwner);
-  } else {
-    reinterpret_cast<KSet<jint>*>(word)->add(node);
-  }
+  jlong* words = myStorage->myDominatorBuckets;
+  uint32_t head = static_cast<uint32_t>(words[bucketOwner]);
+  words[node] = (static_cast<jlong>(head) << 32) | static_cast<uint32_t>(words[node]);
+  words[bucketOwner] = (words[bucketOwner] & ~0xFFFFFFFFLL) | static_cast<uint32_t>(node + 1);
 }
 
 void DominatorComputer::processBucket(jint bucketOwner) {
-  jlong& word = myStorage->myDominatorBuckets[bucketOwner];
-  if (word == 0) {
-    return;
-  }
+  jlong* words = myStorage->myDominatorBuckets;
   BigIntArray64& dominators = myStorage->myDominators;
-  if (!isMarked(myStorage->myVisited, bucketOwner)) {
-    jint v = static_cast<jint>(word);
+  uint32_t entry = static_cast<uint32_t>(words[bucketOwner]);
+  while (entry != 0) {
+    jint v = static_cast<jint>(entry - 1);
     jint u = eval(v);
     dominators.set(v, at(u, SEMI) < at(v, SEMI) ? u : bucketOwner);
-  } else {
-    KSet<jint>* set = reinterpret_cast<KSet<jint>*>(word);
-    for (jint slot = 0; slot < set->_capacity; slot++) {
-      if (set->_states[slot] != KMAP_FULL) {
-        continue;
-      }
-      jint v = set->_keys[slot];
-      jint u = eval(v);
-      dominators.set(v, at(u, SEMI) < at(v, SEMI) ? u : bucketOwner);
-    }
-    delete set;
-    clearMark(myStorage->myVisited, bucketOwner);
+    entry = static_cast<uint32_t>(static_cast<unsigned long long>(words[v]) >> 32);
   }
-  word = 0;
+  words[bucketOwner] &= ~0xFFFFFFFFLL;
 }
 
 void DominatorComputer::computeSemidominators() {
   RefTable* backRefs = myStorage->myBackRefTable;
   BigIntArrayIterator referrers;
+  // The nodes come in DFS order, scattered over memory: their data and their runs of referrers
+  // are asked for a few nodes ahead, so that the misses overlap.
+  const jint AHEAD = 8;
   for (jint i = myDFSCount; i >= 2; i--) {
+    if (i - AHEAD >= 2) {
+      jint ahead = at(i - AHEAD, VERTEX);
+      prefetchNode(ahead);
+      __builtin_prefetch(&backRefs->getStartAndCount()[2 * ahead]);
+    }
     jint w = at(i, VERTEX);
     jint& semiW = at(w, SEMI);
     if (!myRoots.contains(w)) {

@@ -93,7 +93,7 @@ class ObjectStorage {
   BigIntArray64 myArrayLengths;         // "al", -1 for non-arrays
   BigIntArray64 myPrimitivePositions;   // "po", two ints an object
   BigIntArray64 myOIDHighParts;         // "ohp"
-  jlong* myDominatorBuckets;            // myObjectCount + 1 words, or null
+  jlong* myDominatorBuckets;            // myObjectCount + 1 words, the buckets of the dominator computation, or null
   jint* myVisited;                      // a bit an object, or null
 
  private:

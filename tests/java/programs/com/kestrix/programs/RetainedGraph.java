@@ -7,8 +7,9 @@ import java.io.InputStreamReader;
  * Holds memory in shapes whose retained sizes can be worked out by hand: a ListOwner that alone
  * holds a linked list of 100,000 Nodes, each with its own Payload; and a Cache of 10,000
  * CacheEntries, each with a Payload, that the static fields of two classes, HolderA and HolderB,
- * both refer to, so that neither of them alone keeps it alive. Prints "ready", then waits for
- * "exit" or the end of standard input.
+ * both refer to, so that neither of them alone keeps it alive. An argument sets another number
+ * of nodes, for benchmarks that want a bigger heap. Prints "ready", then waits for "exit" or
+ * the end of standard input.
  */
 public class RetainedGraph {
     public static final int NODES = 100_000;
@@ -48,8 +49,9 @@ public class RetainedGraph {
     static ListOwner ourOwner;
 
     public static void main(String[] args) throws Exception {
+        int nodes = args.length > 0 ? Integer.parseInt(args[0]) : NODES;
         ListOwner owner = new ListOwner();
-        for (int i = 0; i < NODES; i++) {
+        for (int i = 0; i < nodes; i++) {
             Node node = new Node();
             node.next = owner.head;
             owner.head = node;

@@ -85,25 +85,57 @@ final class RetainedReport {
             }
         }
         walkDominatorTree();
-        Integer[] order = new Integer[(int) myReachableObjects];
-        int k = 0;
+        TopN biggest = new TopN(top);
+        TopN dominators = new TopN(top);
         for (int oid = 1; oid <= n; oid++) {
             if (myHeap.kind(oid) != HeapDump.NONE && reached(oid)) {
-                order[k++] = oid;
+                biggest.offer(oid, analysis.myRetained[oid]);
+                if (analysis.myDominators[oid] == 0) {
+                    dominators.offer(oid, analysis.myRetained[oid]);
+                }
             }
         }
-        Arrays.sort(order, Comparator.comparingLong((Integer oid) -> -analysis.myRetained[oid])
-                .thenComparingInt(oid -> oid));
-        for (int oid : order) {
-            if (myBiggest.size() < top) {
-                myBiggest.add(holder(oid));
+        for (int oid : biggest.oidsDescending()) {
+            myBiggest.add(holder(oid));
+        }
+        for (int oid : dominators.oidsDescending()) {
+            myTopDominators.add(holder(oid));
+        }
+    }
+
+    /**
+     * The N objects of the largest values, lowest object index first among equals, kept in a
+     * small sorted array: a heap of millions of objects is looked through once, without sorting
+     * or boxing it.
+     */
+    static final class TopN {
+        private final long[] myValues;
+        private final int[] myOids;
+        private int mySize;
+
+        TopN(int n) {
+            myValues = new long[n];
+            myOids = new int[n];
+        }
+
+        /** Offered in rising object index. */
+        void offer(int oid, long value) {
+            int n = myValues.length;
+            if (mySize == n && value <= myValues[n - 1]) {
+                return;
             }
-            if (myTopDominators.size() < top && analysis.myDominators[oid] == 0) {
-                myTopDominators.add(holder(oid));
+            int at = mySize < n ? mySize++ : n - 1;
+            while (at > 0 && myValues[at - 1] < value) {
+                myValues[at] = myValues[at - 1];
+                myOids[at] = myOids[at - 1];
+                at--;
             }
-            if (myBiggest.size() >= top && myTopDominators.size() >= top) {
-                break;
-            }
+            myValues[at] = value;
+            myOids[at] = oid;
+        }
+
+        int[] oidsDescending() {
+            return Arrays.copyOf(myOids, mySize);
         }
     }
 
@@ -159,7 +191,9 @@ final class RetainedReport {
                 children[fill[dominators[oid]]++] = oid;
             }
         }
-        Map<Integer, long[]> byClass = new HashMap<>();  // objects, shallow, retained, objects open on the path
+        // By class: objects, shallow bytes, retained bytes, and how many of its objects are on the
+        // path from the virtual root to the node at hand.
+        long[][] byClass = new long[n + 1][];
         int[] stack = new int[n + 2];
         int[] next = new int[n + 2];
         long[][] open = new long[n + 2][];
@@ -170,7 +204,12 @@ final class RetainedReport {
             int node = stack[depth];
             if (next[depth] < childStart[node + 1]) {
                 int child = children[next[depth]++];
-                long[] figures = byClass.computeIfAbsent(classKey(child), key -> new long[4]);
+                int key = classKey(child);
+                long[] figures = byClass[key];
+                if (figures == null) {
+                    figures = new long[4];
+                    byClass[key] = figures;
+                }
                 figures[0]++;
                 figures[1] += myHeap.size(child);
                 if (figures[3] == 0) {
@@ -193,9 +232,11 @@ final class RetainedReport {
                 depth--;
             }
         }
-        for (Map.Entry<Integer, long[]> e : byClass.entrySet()) {
-            long[] f = e.getValue();
-            myClasses.add(new ClassRetained(className(e.getKey()), f[0], f[1], f[2]));
+        for (int key = 0; key <= n; key++) {
+            long[] f = byClass[key];
+            if (f != null) {
+                myClasses.add(new ClassRetained(className(key), f[0], f[1], f[2]));
+            }
         }
         myClasses.sort(Comparator.comparingLong(ClassRetained::retained).reversed()
                 .thenComparing(ClassRetained::name));
