@@ -11,7 +11,8 @@ import java.util.List;
 /**
  * kjp list: the JVMs on this machine that run the agent, the way jps lists JVMs. Each agent marks
  * the port it listens on in shared memory; the agent behind each port is then asked for its
- * process id and session name. An agent busy with another client is listed without them.
+ * process id and session name. An agent busy with another client is listed without them; a port
+ * that nothing listens on any more is left out.
  */
 final class ListCommand {
     record Entry(int port, long pid, String session, String problem) {
@@ -33,6 +34,11 @@ final class ListCommand {
                 entries.add(new Entry(port, info.pid(), info.sessionName() == null ? "" : info.sessionName(), null));
             } catch (IOException | RuntimeException e) {
                 String message = e.getMessage();
+                if (message != null && message.startsWith("connection refused")) {
+                    // The marker's process lives, but no agent listens: the pid was reused by
+                    // a process that is no JVM of ours.
+                    continue;
+                }
                 entries.add(new Entry(port, -1, "", message == null ? e.getClass().getSimpleName() : message));
             }
         }
