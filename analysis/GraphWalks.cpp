@@ -174,8 +174,8 @@ JNIEXPORT jboolean JNICALL Java_com_kestrix_Natives_f0(JNIEnv* env, jclass, jlon
   if (exclude != nullptr) {
     env->GetIntArrayRegion(exclude, 0, words, bitField);
   }
-  // The complement of the exclusions: excluded objects count as reached already, so the walk
-  // passes them by.
+  // The complement of 'exclude': only the objects set there are open to the walk; all others
+  // count as reached already, so the walk passes them by.
   for (jint w = 0; w < words; w++) {
     bitField[w] = exclude != nullptr ? ~bitField[w] : 0;
   }

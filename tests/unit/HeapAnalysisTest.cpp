@@ -2,8 +2,10 @@
 // against an independent data-flow computation, retained sizes, walks, OID ranks and markers.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/ipc.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -206,6 +208,19 @@ TEST(HeapAnalysisTest, MappedArrayEvictsItsOldestPageAndKeepsTheValues) {
   EXPECT_EQ(100, delta);
   EXPECT_EQ(1100, mapped);
   MemAllocator::unmap(address, mapped);
+
+  // A file that may not grow further, as on a full disk: the array says so by an exception
+  // rather than by a SIGBUS at the first write into a page that has no block behind it.
+  rlimit oldLimit;
+  getrlimit(RLIMIT_FSIZE, &oldLimit);
+  rlimit small = oldLimit;
+  small.rlim_cur = 1 << 20;
+  sighandler_t oldHandler = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_THROW(array.set(10L * ints, 1), LowDiskSpaceException);
+  setrlimit(RLIMIT_FSIZE, &oldLimit);
+  signal(SIGXFSZ, oldHandler);
+  EXPECT_EQ(1004, array.get(4L * ints + 17));
 
   KString saved = ourAlternateTempDirForBigIntArraysUtf8;
   ourAlternateTempDirForBigIntArraysUtf8 = "/nonexistent/kjp";

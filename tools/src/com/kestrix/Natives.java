@@ -343,9 +343,11 @@ public final class Natives {
     public static native boolean f(long os, int[] objects, int[] bits);
 
     /**
-     * What the group b[from..to) holds exclusively, as bits: without a, the group and everything
-     * that the listed objects reach only through it, with the objects set in exclude left out.
-     * With a, a's bits are or-ed in and the walk's own result stays in bits.
+     * What the group b[from..to) holds exclusively, as bits. The walk from the listed objects
+     * enters only objects whose bit is set in exclude (the objects in scope; all others count as
+     * reached already). Without a, the group's bits are set first, so the walk cannot pass
+     * through it, and the result is the group and what in scope the walk did not reach. With a,
+     * a's bits are or-ed in, and the result is what the walk marked.
      */
     public static native boolean f0(long os, int[] a, int[] b, int from, int to, int[] objects, int[] exclude,
             int[] bits);
