@@ -183,8 +183,9 @@ final class HeapAnalysis {
                     roots(heap), true);
             analysis.readResults(os);
             progress.done();
-            return analysis;
-        } catch (EOFException e) {
+            return analysis.isConsistent() ? analysis : null;
+        } catch (EOFException | RuntimeException e) {
+            // A damaged index: what the storage refused, or numbers no index holds.
             return null;
         } finally {
             Natives.osNdelete(os);
@@ -196,6 +197,8 @@ final class HeapAnalysis {
      * as a Java array of that length.
      */
     private static int[] readArray(DataInputStream in, long os, int id, int keep) throws IOException {
+        // The first array is one segment of its known length, every other one pages of 1M ints.
+        int longest = id == Natives.OS_ARRAY_REFS_START_AND_COUNT ? keep : 1 << 20;
         int[] kept = keep >= 0 ? new int[keep] : null;
         byte[] bytes = new byte[0];
         while (true) {
@@ -204,7 +207,7 @@ final class HeapAnalysis {
             if (start == -1 && end == -1) {
                 return kept;
             }
-            if (start < 0 || end < start) {
+            if (start < 0 || end < start || end - start > longest) {
                 throw new EOFException();
             }
             int count = end - start;
@@ -220,6 +223,25 @@ final class HeapAnalysis {
                 System.arraycopy(values, 0, kept, start, Math.min(end, kept.length) - start);
             }
         }
+    }
+
+    /** Whether the loaded runs of references and the dominators stay within the heap. */
+    private boolean isConsistent() {
+        int n = myHeap.objectCount();
+        for (int oid = 0; oid <= n; oid++) {
+            int start = myStartAndCount[2 * oid];
+            int count = myStartAndCount[2 * oid + 1];
+            if (start < 0 || count < 0 || (long) start + count > myRefs.length || myDominators[oid] < 0
+                    || myDominators[oid] > n) {
+                return false;
+            }
+        }
+        for (int target : myRefs) {
+            if (target < 0 || target > n) {
+                return false;
+            }
+        }
+        return true;
     }
 
     boolean isClass(int oid) {
