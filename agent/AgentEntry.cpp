@@ -244,12 +244,13 @@ extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* 
     check_JVMTI_error(ourJVMTI->SetNativeMethodPrefix(ourNativeMethodPrefix));
   }
 
-  KString jarPath = getCallbackJarPath(ourOptions.myTmpDir);
-  if (!writeCallbackJar(jarPath.get())) {
+  KString wantedPath = getCallbackJarPath(ourOptions.myTmpDir);
+  KString jarPath = installCallbackJar(wantedPath.get());
+  if (jarPath.length() == 0) {
     fprintf(stderr,
             KJP_LOG_PREFIX "Cannot open temp. jar file for reading: %s. "
                            "Please consider -agentlib:kjpagent=tmpdir=<alternate dir> option.\n",
-            jarPath.get());
+            wantedPath.get());
     fflush(stderr);
     return -1;
   }

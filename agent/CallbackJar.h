@@ -13,9 +13,16 @@ extern const size_t ourCallbackJarBytes_length;
 // Where the jar goes: the tmpdir option, else /tmp, and a fixed file name.
 KString getCallbackJarPath(const char* tmpDir);
 
-// Writes the jar to 'path' and checks it can be read back. A jar that can't be written is
-// tolerated, since one left by an earlier run serves as well; false only when the file can't
-// be read at all.
-bool writeCallbackJar(const char* path);
+// Puts the jar at 'path' and checks it can be read back; returns the path to put on the boot
+// class path, or an empty string when there is none.
+//
+// Other JVMs on the machine may have the jar at 'path' open and mapped, and a jar truncated
+// under them ends them with SIGBUS, so it is never rewritten in place: a jar with these very
+// bytes is used as it is, anything else is replaced by renaming a fresh file over it. A
+// symbolic link, or a file that another user owns or others may write, is never trusted with
+// a place on the boot class path. Where the directory can't be written, a jar left by an
+// earlier run serves when it passes those checks; where the path is another user's, the
+// fresh file keeps its own name.
+KString installCallbackJar(const char* path);
 
 #endif
