@@ -14,41 +14,41 @@ bool checkBitSet(JNIEnv* env, ObjectStorage* storage, jintArray bits) {
   return true;
 }
 
-RefTable* buildBackReferences(JNIEnv* env, ObjectStorage* storage, const jint* bits, jint* counts) {
-  RefTable& forward = storage->myRefs;
+namespace {
+
+// Calls visit(referrer, target) for each non-zero reference of the objects whose bit is set,
+// referrers from the highest index down.
+template <class Visit>
+void forEachReference(ObjectStorage* storage, const jint* bits, Visit visit) {
   BigIntArrayIterator targets;
   for (jint i = storage->myObjectCount - 1; i >= 1; i--) {
     if (!isMarked(bits, i)) {
       continue;
     }
-    forward.initReferenceIterator(&targets, i);
+    storage->myRefs.initReferenceIterator(&targets, i);
     while (targets.hasNext()) {
       jint t = targets.next();
       if (t != 0) {
-        counts[t]--;
+        visit(i, t);
       }
     }
   }
+}
+
+}  // namespace
+
+RefTable* buildBackReferences(JNIEnv* env, ObjectStorage* storage, const jint* bits, jint* counts) {
+  forEachReference(storage, bits, [counts](jint, jint t) { counts[t]--; });
   RefTable* table = new RefTable(env, "brt", storage->myObjectCount);
-  for (jint i = storage->myObjectCount - 1; i >= 1; i--) {
-    if (!isMarked(bits, i)) {
-      continue;
+  forEachReference(storage, bits, [counts, table](jint i, jint t) {
+    if (counts[t] < 0) {
+      counts[t] = -counts[t];
+      table->createRefs(t, counts[t]);
     }
-    forward.initReferenceIterator(&targets, i);
-    while (targets.hasNext()) {
-      jint t = targets.next();
-      if (t == 0) {
-        continue;
-      }
-      if (counts[t] < 0) {
-        counts[t] = -counts[t];
-        table->createRefs(t, counts[t]);
-      }
-      // Filled from the last position down while i falls: each run ends up in rising order.
-      counts[t]--;
-      table->setRef(t, i, counts[t]);
-    }
-  }
+    // Filled from the last position down while i falls: each run ends up in rising order.
+    counts[t]--;
+    table->setRef(t, i, counts[t]);
+  });
   return table;
 }
 

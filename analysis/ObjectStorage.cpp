@@ -48,67 +48,62 @@ bool ObjectStorage::checkIndex(JNIEnv* env, jint index) {
   return true;
 }
 
-bool ObjectStorage::createClass(JNIEnv* env, jint index, jint size, jint generation, jint refCount) {
+bool ObjectStorage::begin(JNIEnv* env, jint index, jint size, jint generation) {
   if (!checkIndex(env, index)) {
-    return true;
+    return false;
   }
   myGenerations.set(index, generation);
   mySizes.set(index, size);
-  myRefs.createRefs(index, refCount);
+  return true;
+}
+
+void ObjectStorage::reserveWithClass(jint index, jint classIndex, jint slots) {
+  myRefs.createRefs(index, slots);
+  myRefs.setRef(index, classIndex, 0);
+}
+
+bool ObjectStorage::createClass(JNIEnv* env, jint index, jint size, jint generation, jint refCount) {
+  if (begin(env, index, size, generation)) {
+    myRefs.createRefs(index, refCount);
+  }
   return true;
 }
 
 bool ObjectStorage::createObject(JNIEnv* env, jint index, jint classIndex, jint size, jint generation,
                                  jint refCount) {
-  if (!checkIndex(env, index)) {
-    return true;
+  if (begin(env, index, size, generation)) {
+    reserveWithClass(index, classIndex, refCount + 1);
   }
-  myGenerations.set(index, generation);
-  mySizes.set(index, size);
-  myRefs.createRefs(index, refCount + 1);
-  myRefs.setRef(index, classIndex, 0);
   return true;
 }
 
 bool ObjectStorage::createObjectArray(JNIEnv* env, jint index, jint classIndex, jint size, jint generation,
                                       jint length) {
-  if (!checkIndex(env, index)) {
-    return true;
+  if (begin(env, index, size, generation)) {
+    myArrayLengths.set(index, length);
+    reserveWithClass(index, classIndex, length + 1);
   }
-  myGenerations.set(index, generation);
-  mySizes.set(index, size);
-  myArrayLengths.set(index, length);
-  myRefs.createRefs(index, length + 1);
-  myRefs.setRef(index, classIndex, 0);
   return true;
 }
 
 bool ObjectStorage::createPrimArray(JNIEnv* env, jint index, jint classIndex, jint size, jint generation,
                                     jint length) {
-  if (!checkIndex(env, index)) {
-    return true;
+  if (begin(env, index, size, generation)) {
+    myArrayLengths.set(index, length);
+    reserveWithClass(index, classIndex, 1);
   }
-  myGenerations.set(index, generation);
-  mySizes.set(index, size);
-  myArrayLengths.set(index, length);
-  myRefs.createRefs(index, 1);
-  myRefs.setRef(index, classIndex, 0);
   return true;
 }
 
 bool ObjectStorage::createArrayExt(JNIEnv* env, jint index, jint classIndex, jint size, jint generation,
                                    const jint* dims, jint dimCount) {
-  if (!checkIndex(env, index)) {
-    return true;
+  if (begin(env, index, size, generation)) {
+    jlong slots = 1;
+    for (jint d = 0; d < dimCount; d++) {
+      slots *= dims[d];
+    }
+    reserveWithClass(index, classIndex, dimCount == 0 ? 2 : static_cast<jint>(slots + 1));
   }
-  jlong slots = 1;
-  for (jint d = 0; d < dimCount; d++) {
-    slots *= dims[d];
-  }
-  myRefs.createRefs(index, dimCount == 0 ? 2 : static_cast<jint>(slots + 1));
-  myRefs.setRef(index, classIndex, 0);
-  myGenerations.set(index, generation);
-  mySizes.set(index, size);
   return true;
 }
 

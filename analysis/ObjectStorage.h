@@ -65,13 +65,17 @@ class ObjectStorage {
   // objects it dominates, bottom-up over the dominator tree without recursion.
   void calculateRetainedSizes(JNIEnv* env);
 
-  jlong getRetainedSize(jint index) const {
-    return (static_cast<jlong>(myRetainedSizes.get(2 * index)) << 32) |
-           static_cast<jlong>(static_cast<uint32_t>(myRetainedSizes.get(2 * index + 1)));
+  jlong getRetainedSize(jint index) const { return getWide(myRetainedSizes, index); }
+  void setRetainedSize(jint index, jlong size) { setWide(myRetainedSizes, index, size); }
+
+  // A 64-bit value kept in two elements of an array, the high half first.
+  static jlong getWide(const BigIntArray64& array, jint index) {
+    return (static_cast<jlong>(array.get(2 * index)) << 32) |
+           static_cast<jlong>(static_cast<uint32_t>(array.get(2 * index + 1)));
   }
-  void setRetainedSize(jint index, jlong size) {
-    myRetainedSizes.set(2 * index, static_cast<jint>(size >> 32));
-    myRetainedSizes.set(2 * index + 1, static_cast<jint>(size));
+  static void setWide(BigIntArray64& array, jint index, jlong value) {
+    array.set(2 * index, static_cast<jint>(value >> 32));
+    array.set(2 * index + 1, static_cast<jint>(value));
   }
 
   // The array behind an id of ArrayId from ARRAY_REFS on; null for another id.
@@ -98,6 +102,11 @@ class ObjectStorage {
 
  private:
   bool checkIndex(JNIEnv* env, jint index);
+  // The checks of every create, then its generation and shallow size; false, with a Java
+  // exception raised, for an index out of range.
+  bool begin(JNIEnv* env, jint index, jint size, jint generation);
+  // Reserves the object's slots, its class at position 0.
+  void reserveWithClass(jint index, jint classIndex, jint slots);
 };
 
 // The storage behind a handle of the Java side.

@@ -183,18 +183,14 @@ JNIEXPORT jint JNICALL Java_com_kestrix_Natives_osNgetArrayLengthImpl(JNIEnv*, j
 JNIEXPORT void JNICALL Java_com_kestrix_Natives_osNsetPrimitiveDataPositionImpl(JNIEnv* env, jclass, jlong os,
                                                                                 jint index, jlong position) {
   guarded(env, [&] {
-    BigIntArray64& positions = toStorage(os)->myPrimitivePositions;
-    positions.set(2 * index, static_cast<jint>(position >> 32));
-    positions.set(2 * index + 1, static_cast<jint>(position));
+    ObjectStorage::setWide(toStorage(os)->myPrimitivePositions, index, position);
     return true;
   });
 }
 
 JNIEXPORT jlong JNICALL Java_com_kestrix_Natives_osNgetPrimitiveDataPositionImpl(JNIEnv*, jclass, jlong os,
                                                                                  jint index) {
-  BigIntArray64& positions = toStorage(os)->myPrimitivePositions;
-  return (static_cast<jlong>(positions.get(2 * index)) << 32) |
-         static_cast<jlong>(static_cast<uint32_t>(positions.get(2 * index + 1)));
+  return ObjectStorage::getWide(toStorage(os)->myPrimitivePositions, index);
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_Natives_osNsetOIDHighPartImpl(JNIEnv* env, jclass, jlong os, jint index,

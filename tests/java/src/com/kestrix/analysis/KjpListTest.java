@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
+import com.kestrix.test.KjpRunner;
 import com.kestrix.test.LiveAgent;
 import java.nio.file.Path;
 import java.util.List;
@@ -27,9 +28,9 @@ class KjpListTest {
         // The two JVMs on different JDKs where there are two: the marker is one format for all.
         try (LiveAgent first = start(jdks.get(0), dir, "ListedFirst");
                 LiveAgent second = start(jdks.get(jdks.size() - 1), dir, "ListedSecond")) {
-            String text = RetainedSizesTest.kjpOk("list");
+            String text = KjpRunner.succeed("list");
             assertTrue(text.startsWith("PORT   PID      SESSION\n"), text);
-            String json = RetainedSizesTest.kjpOk("list", "--format", "json");
+            String json = KjpRunner.succeed("list", "--format", "json");
             for (LiveAgent agent : List.of(first, second)) {
                 String session = agent == first ? "ListedFirst" : "ListedSecond";
                 assertTrue(text.contains(String.format("%n%-7d%-9d%s%n", agent.port(), agent.pid(), session)), text);
@@ -37,12 +38,12 @@ class KjpListTest {
                         + session + "\"}"), json);
             }
             assertEquals(0, second.exit(60), second.toString());
-            text = RetainedSizesTest.kjpOk("list");
+            text = KjpRunner.succeed("list");
             assertTrue(text.matches("(?s).*\\n" + first.port() + " +\\d+ +ListedFirst\\n.*"), text);
             assertFalse(text.contains("\n" + second.port() + " "), text);
             assertFalse(text.contains("ListedSecond"), text);
         }
-        RetainedSizesTest.Run run = RetainedSizesTest.kjp("list", "some.snapshot");
+        KjpRunner.Result run = KjpRunner.run("list", "some.snapshot");
         assertEquals(2, run.status());
         assertEquals("kjp: list takes no snapshot file\nRun 'kjp --help' for the commands and options.\n", run.err());
     }

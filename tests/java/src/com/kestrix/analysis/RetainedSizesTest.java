@@ -4,17 +4,13 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.kestrix.test.KjpRunner;
 import com.kestrix.test.LiveAgent;
-import com.kestrix.tools.kjp.Kjp;
 import com.kestrix.tools.snapshot.SnapshotReader;
-import java.io.ByteArrayOutputStream;
-import java.io.PrintStream;
 import java.io.RandomAccessFile;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
-import java.time.ZoneId;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import org.junit.jupiter.api.io.TempDir;
@@ -29,23 +25,6 @@ class RetainedSizesTest {
     static final String PROGRAM = "com.kestrix.programs.RetainedGraph";
     static final int NODES = 100_000;
     static final int ENTRIES = 10_000;
-
-    record Run(int status, String out, String err) {
-    }
-
-    static Run kjp(String... args) {
-        ByteArrayOutputStream out = new ByteArrayOutputStream();
-        ByteArrayOutputStream err = new ByteArrayOutputStream();
-        int status = Kjp.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
-                new PrintStream(err, true, StandardCharsets.UTF_8), ZoneId.of("UTC"));
-        return new Run(status, out.toString(StandardCharsets.UTF_8), err.toString(StandardCharsets.UTF_8));
-    }
-
-    static String kjpOk(String... args) {
-        Run run = kjp(args);
-        assertEquals(0, run.status(), run.err());
-        return run.out();
-    }
 
     /** The shallow size of one instance of a class, from the class histogram of the snapshot. */
     static long instanceSize(String histogram, String className, long instances) {
@@ -83,7 +62,7 @@ class RetainedSizesTest {
     @MethodSource("com.kestrix.test.Jvm#jdks")
     void retainedSizesMatchTheKnownShapesAndTheIndexKeepsThem(Path jdk, @TempDir Path dir) throws Exception {
         Path file = capture(jdk, dir);
-        String histogram = kjpOk("heap", "--format", "json", "--top", "100000", file.toString());
+        String histogram = KjpRunner.succeed("heap", "--format", "json", "--top", "100000", file.toString());
         long owner = instanceSize(histogram, PROGRAM + "$ListOwner", 1);
         long node = instanceSize(histogram, PROGRAM + "$Node", NODES);
         long payload = instanceSize(histogram, PROGRAM + "$Payload", NODES + ENTRIES);
@@ -93,7 +72,7 @@ class RetainedSizesTest {
         long listBytes = owner + NODES * (node + payload);
         long cacheBytes = cache + entries + ENTRIES * (entry + payload);
 
-        String json = kjpOk("heap", "--retained", "--format", "json", "--top", "40", file.toString());
+        String json = KjpRunner.succeed("heap", "--retained", "--format", "json", "--top", "40", file.toString());
         assertTrue(json.contains("\"fromIndex\":false"));
         String object = "\\{\"oid\":\\d+,\"object\":\"" + Pattern.quote(PROGRAM);
         // The owner holds the whole list, and nothing else holds any of it.
@@ -120,14 +99,14 @@ class RetainedSizesTest {
         }
 
         // Saved, the next run loads the index and says the same.
-        String text = kjpOk("heap", "--retained", "--save", file.toString());
+        String text = KjpRunner.succeed("heap", "--retained", "--save", file.toString());
         assertTrue(text.contains("Biggest objects by retained size"), text);
         Path index = file.resolveSibling(file.getFileName() + ".index");
         assertTrue(Files.size(index) > 0);
         assertTrue(SnapshotReader.read(index).indexOffset() > 0);
-        String again = kjpOk("heap", "--retained", "--format", "json", "--top", "40", file.toString());
+        String again = KjpRunner.succeed("heap", "--retained", "--format", "json", "--top", "40", file.toString());
         assertEquals(json.replace("\"fromIndex\":false", "\"fromIndex\":true"), again);
-        assertTrue(kjpOk("heap", "--retained", file.toString()).contains("Index     " + index), "index named");
+        assertTrue(KjpRunner.succeed("heap", "--retained", file.toString()).contains("Index     " + index), "index named");
 
         // A damaged index is not trusted: the figures are computed again. Bytes overwritten in
         // the arrays, then the file cut short.
@@ -139,12 +118,12 @@ class RetainedSizesTest {
                 raf.write(junk);
             }
         }
-        String damaged = kjpOk("heap", "--retained", "--format", "json", "--top", "40", file.toString());
+        String damaged = KjpRunner.succeed("heap", "--retained", "--format", "json", "--top", "40", file.toString());
         assertTrue(damaged.equals(json) || damaged.equals(again), "damaged index: same figures either way");
         try (RandomAccessFile raf = new RandomAccessFile(index.toFile(), "rw")) {
             raf.setLength(raf.length() / 2);
         }
-        assertEquals(json, kjpOk("heap", "--retained", "--format", "json", "--top", "40", file.toString()));
+        assertEquals(json, KjpRunner.succeed("heap", "--retained", "--format", "json", "--top", "40", file.toString()));
     }
 
     @ParameterizedTest
@@ -158,7 +137,7 @@ class RetainedSizesTest {
 
         Path truncated = dir.resolve("truncated.snapshot");
         Files.write(truncated, java.util.Arrays.copyOf(bytes, bytes.length / 3));
-        Run run = kjp("heap", "--retained", truncated.toString());
+        KjpRunner.Result run = KjpRunner.run("heap", "--retained", truncated.toString());
         assertEquals(1, run.status(), run.err());
         assertTrue(run.err().matches("kjp: \\S+truncated.snapshot: the file is truncated: [^\\n]*\\n"), run.err());
 
@@ -170,7 +149,7 @@ class RetainedSizesTest {
         copy[counts + 3] = 0;
         copy[counts + 4] = 0;
         Files.write(damaged, copy);
-        run = kjp("heap", "--retained", damaged.toString());
+        run = KjpRunner.run("heap", "--retained", damaged.toString());
         assertEquals(1, run.status(), run.err());
         assertTrue(run.err().matches("kjp: \\S+damaged.snapshot: the file is damaged: [^\\n]*\\n"), run.err());
     }
