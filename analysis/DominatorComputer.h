@@ -32,6 +32,9 @@ class DominatorComputer {
   void compress(jint v);
 
   jint getDFSCount() const { return myDFSCount; }
+  // The node with DFS number 'number', from 1 (the virtual root) to getDFSCount(). A node's
+  // immediate dominator always has a smaller number than the node.
+  jint getVertex(jint number) { return at(number, VERTEX); }
 
  private:
   // The seven ints of a node lie together, so that each step of the algorithm touches one

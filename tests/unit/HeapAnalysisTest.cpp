@@ -267,6 +267,16 @@ TEST(HeapAnalysisTest, DominatorsAgreeWithDataFlowOnRandomGraphs) {
       }
       ASSERT_EQ(retained, analysed.storage.getRetainedSize(v)) << "round " << round << " node " << v;
     }
+    // The sums from the dominators alone, bottom-up over the tree, are the same.
+    std::vector<jlong> inOrder;
+    for (int v = 1; v < n; v++) {
+      inOrder.push_back(analysed.storage.getRetainedSize(v));
+    }
+    analysed.storage.myRetainedSizes.reset(0);
+    analysed.storage.calculateRetainedSizes(nullptr);
+    for (int v = 1; v < n; v++) {
+      ASSERT_EQ(inOrder[static_cast<size_t>(v - 1)], analysed.storage.getRetainedSize(v)) << "node " << v;
+    }
   }
 }
 
