@@ -956,8 +956,12 @@ void addMissingClasses(DumpState* state) {
   }
   for (jint i = 0; i < ourUnlistedClasses->size(); i++) {
     jobject klass = env->NewLocalRef(ourUnlistedClasses->get(i));
-    if (klass == nullptr) {
-      continue;  // unloaded
+    if (klass == nullptr) {  // unloaded
+      env->DeleteWeakGlobalRef(ourUnlistedClasses->get(i));
+      ourUnlistedClasses->set(i, ourUnlistedClasses->last());
+      ourUnlistedClasses->removeRange(ourUnlistedClasses->size() - 1, ourUnlistedClasses->size());
+      i--;
+      continue;
     }
     jlong tag = tagOf(klass);
     if (tag != 0 && !state->myClassInfos.containsKey(tag)) {
