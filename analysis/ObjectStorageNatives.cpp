@@ -78,8 +78,9 @@ JNIEXPORT jboolean JNICALL Java_com_kestrix_Natives_osNcreatePrimArrayImpl(JNIEn
 JNIEXPORT jboolean JNICALL Java_com_kestrix_Natives_osNcreateArrayExtImpl(JNIEnv* env, jclass, jlong os, jint index,
                                                                           jint classIndex, jint size, jint generation,
                                                                           jint, jintArray dims) {
-  jint dimCount = env->GetArrayLength(dims);
-  KVector<jint> copy(dimCount);
+  jint dimCount = dims == nullptr ? 0 : env->GetArrayLength(dims);
+  // Room for one at least: an array without dimensions gets its two slots, not an assertion.
+  KVector<jint> copy(dimCount > 0 ? dimCount : 1);
   for (jint d = 0; d < dimCount; d++) {
     jint value = 0;
     env->GetIntArrayRegion(dims, d, 1, &value);

@@ -111,7 +111,14 @@ class ObjectStorageNativesTest {
         assertEquals("index < myObjectCount (4, 4)", e.getMessage());
         e = assertThrows(RuntimeException.class, () -> Natives.osNcreateClassImpl(myStorage, 0, 16, 0, 0));
         assertEquals("index > 0 (0, 4)", e.getMessage());
-        assertFalse(Natives.osNisObjectValidImpl(myStorage, 3));
+        assertFalse(Natives.osNisObjectValidImpl(myStorage, 3), "nothing was created there");
+        // Multi-dimensional arrays: the class and a slot for each element of all dimensions.
+        assertTrue(Natives.osNcreateArrayExtImpl(myStorage, 2, 1, 64, 0, 0, new int[] {2, 3}));
+        assertEquals(7, Natives.osNgetRefCountImpl(myStorage, 2));
+        assertEquals(1, Natives.osNgetRefImpl(myStorage, 2, 0));
+        assertEquals(-1, Natives.osNgetArrayLengthImpl(myStorage, 2));
+        assertTrue(Natives.osNcreateArrayExtImpl(myStorage, 3, 1, 16, 0, 0, new int[0]));
+        assertEquals(2, Natives.osNgetRefCountImpl(myStorage, 3));
         assertFalse(Natives.osNreadArrayImpl(myStorage, 13, new int[1], 0, 1));
         assertEquals(0L, Natives.getIndexFileFullLength());
     }
