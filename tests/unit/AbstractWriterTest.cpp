@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "DBTestSupport.h"
@@ -43,6 +44,31 @@ TEST(AbstractWriterTest, AFullBufferFlushesBeforeTheNextByteNotAfterTheLast) {
   EXPECT_EQ(1, writer.myFlushes);
   EXPECT_EQ(1, writer.getBufferedCount());
   EXPECT_EQ((std::vector<unsigned char>{1, 0, 0, 0, 2}), writer.bytes());
+}
+
+TEST(AbstractWriterTest, IntsAndLongsAcrossTheBufferEndKeepTheirBytes) {
+  // Every buffer size from one byte up puts the boundary somewhere inside an int or a long.
+  // The buffer never holds more than its capacity: a byte past it would go unseen in the output.
+  auto write = [](jint capacity) {
+    MemoryWriter writer(capacity);
+    jint most = 0;
+    auto note = [&]() { most = std::max(most, writer.getBufferedCount()); };
+    writer.writeByte(9);
+    writer.writeInt(0x04030201);
+    note();
+    writer.writeOID(-3);
+    note();
+    writer.writeLong(0x0D0C0B0A08070605LL);
+    note();
+    writer.writeInt(-0x10000000);
+    note();
+    EXPECT_LE(most, capacity);
+    return writer.bytes();
+  };
+  std::vector<unsigned char> expected{9, 1, 2, 3, 4, 0xFD, 0xFF, 0xFF, 0xFF, 5, 6, 7, 8, 0x0A, 0x0B, 0x0C, 0x0D, 0, 0, 0, 0xF0};
+  for (jint capacity = 1; capacity <= 12; capacity++) {
+    EXPECT_EQ(expected, write(capacity)) << "buffer of " << capacity;
+  }
 }
 
 }  // namespace
