@@ -1,9 +1,8 @@
 package com.kestrix.runtime;
 
 import java.io.File;
-import java.text.SimpleDateFormat;
 import java.util.Date;
-import java.util.Locale;
+import java.util.TimeZone;
 
 /** What this agent can do, and how its snapshot files are named. */
 public final class Agent {
@@ -38,11 +37,44 @@ public final class Agent {
         if (sessionName != null && sessionName.length() > 0) {
             name.append(sessionNameToFileNamePart(sessionName)).append('-');
         }
-        name.append(new SimpleDateFormat("yyyy-MM-dd", Locale.US).format(date));
+        appendLocalDate(name, date.getTime());
         if (postfix != null && postfix.length() > 0) {
             name.append('-').append(postfix);
         }
         return name.toString();
+    }
+
+    /**
+     * Appends the day of 'millis' in the default time zone as yyyy-MM-dd. Worked out by hand: the
+     * date formats of the JDK load its locale providers, and a provider that first loads while the
+     * application is out of heap stays broken for the rest of the JVM's life, exit snapshot and all.
+     */
+    static void appendLocalDate(StringBuffer text, long millis) {
+        long local = millis + TimeZone.getDefault().getOffset(millis);
+        long days = Math.floorDiv(local, 86400000L);
+        // Days since 1970-01-01 to a proleptic Gregorian date, in eras of 400 years.
+        long z = days + 719468;
+        long era = Math.floorDiv(z, 146097);
+        long dayOfEra = z - era * 146097;
+        long yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+        long dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+        long shiftedMonth = (5 * dayOfYear + 2) / 153;
+        long day = dayOfYear - (153 * shiftedMonth + 2) / 5 + 1;
+        long month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
+        long year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+        appendPadded(text, year, 4);
+        text.append('-');
+        appendPadded(text, month, 2);
+        text.append('-');
+        appendPadded(text, day, 2);
+    }
+
+    private static void appendPadded(StringBuffer text, long value, int width) {
+        String digits = Long.toString(value);
+        for (int i = digits.length(); i < width; i++) {
+            text.append('0');
+        }
+        text.append(digits);
     }
 
     /**

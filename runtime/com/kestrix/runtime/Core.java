@@ -627,8 +627,14 @@ public final class Core {
     public static void captureSnapshotOnExit(long flags) {
         try {
             captureSnapshot1("shutdown", 0, flags | Constants.SNAPSHOT_CAUSE_SHUTDOWN);
-        } catch (Throwable ignored) {
-            // logged already; nothing can be done while the JVM dies
+        } catch (AgentException e) {
+            // A failed write was said with its path; the checks before it weren't.
+            if (!e.getMessage().startsWith("Cannot capture snapshot ")) {
+                logRequest("Cannot capture snapshot: " + e.getMessage());
+            }
+        } catch (Throwable e) {
+            // Nobody else can say it: the JVM is ending and no client asked.
+            logRequest("Cannot capture snapshot: " + e);
         }
     }
 

@@ -35,6 +35,8 @@ final class OOMEDumper {
             if (bean() == null && !getServer().isRegistered(new ObjectName(OBJECT_NAME))) {
                 ourBeanExists = false;
             }
+        } catch (OutOfMemoryError e) {
+            return false;  // not now; the bean may well be there once the heap has room
         } catch (Throwable e) {
             ourBeanExists = false;
         }
@@ -57,13 +59,21 @@ final class OOMEDumper {
      */
     private static synchronized Object bean() {
         if (!ourBeanLookedUp) {
-            ourBeanLookedUp = true;
             try {
                 Method getter = ManagementFactory.class.getMethod("getPlatformMXBean", Class.class);
                 ourBean = getter.invoke(null, Class.forName(BEAN_INTERFACE));
+            } catch (OutOfMemoryError e) {
+                // An application that is out of heap says nothing about the bean: look again later.
+                throw e;
+            } catch (InvocationTargetException e) {
+                if (e.getCause() instanceof OutOfMemoryError) {
+                    throw (OutOfMemoryError) e.getCause();
+                }
+                ourBean = null;
             } catch (Throwable e) {
                 ourBean = null;
             }
+            ourBeanLookedUp = true;
         }
         return ourBean;
     }
@@ -96,6 +106,8 @@ final class OOMEDumper {
                 return (String) ((CompositeData) option).get("value");
             }
             return (String) option.getClass().getMethod("getValue").invoke(option);
+        } catch (OutOfMemoryError e) {
+            return null;
         } catch (Throwable e) {
             ourBeanExists = false;
             return null;
@@ -109,6 +121,8 @@ final class OOMEDumper {
         try {
             call("setVMOption", new Object[] {name, value}, new Class<?>[] {String.class, String.class});
             return true;
+        } catch (OutOfMemoryError e) {
+            throw e;  // the caller tries again later
         } catch (Throwable e) {
             ourBeanExists = false;
             return false;
@@ -131,7 +145,11 @@ final class OOMEDumper {
         return -1;
     }
 
-    /** Makes the JVM write a heap dump at an OutOfMemoryError; the agent registers the file. */
+    /**
+     * Makes the JVM write a heap dump at an OutOfMemoryError; the agent registers the file. Throws
+     * the OutOfMemoryError that an application out of heap gives the call, so that the caller can
+     * try again.
+     */
     static void enable() {
         if (ourBeanExists) {
             setVMOption(OPTION_HEAP_DUMP_ON_OOM, "true");

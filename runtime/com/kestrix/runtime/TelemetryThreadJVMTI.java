@@ -44,13 +44,27 @@ final class TelemetryThreadJVMTI extends Thread {
         } catch (InterruptedException e) {
             return;
         }
-        OOMEDumper.enable();
-        int[] constants = new int[TelemetryRecord.TELEC_FIELD_COUNT];
-        int[] values = new int[TelemetryRecord.TELE_FIELD_COUNT];
+        // The application may be out of heap at any moment, this thread's first allocations
+        // included: every step is tried again on the next pass rather than ending telemetry.
+        boolean dumperEnabled = false;
+        int[] constants = null;
+        int[] values = null;
         while (true) {
-            java.util.Arrays.fill(constants, 0);
-            java.util.Arrays.fill(values, 0);
+            if (!dumperEnabled) {
+                try {
+                    OOMEDumper.enable();
+                    dumperEnabled = true;
+                } catch (Throwable e) {
+                    // again on the next pass
+                }
+            }
             try {
+                if (constants == null) {
+                    constants = new int[TelemetryRecord.TELEC_FIELD_COUNT];
+                    values = new int[TelemetryRecord.TELE_FIELD_COUNT];
+                }
+                java.util.Arrays.fill(constants, 0);
+                java.util.Arrays.fill(values, 0);
                 runImpl(constants, values);
             } catch (Throwable e) {
                 // One bad pass (a bean that throws, a short-lived OutOfMemoryError) must not end

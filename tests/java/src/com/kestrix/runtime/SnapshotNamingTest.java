@@ -25,6 +25,36 @@ class SnapshotNamingTest {
         return format.parse(text);
     }
 
+    @Test
+    void theDayIsTheCalendarsInEveryZoneAcrossLeapYearsAndCenturies() {
+        TimeZone saved = TimeZone.getDefault();
+        try {
+            for (String zone : new String[] {"UTC", "Pacific/Kiritimati", "America/St_Johns", "Asia/Kathmandu"}) {
+                TimeZone.setDefault(TimeZone.getTimeZone(zone));
+                java.util.Random random = new java.util.Random(zone.hashCode());
+                long[] instants = new long[2000];
+                for (int i = 0; i < instants.length; i++) {
+                    // From 1900 to 2200, and both sides of every midnight near the interesting days.
+                    instants[i] = i < 1000 ? (long) ((random.nextDouble() * 300 - 70) * 365.2425 * 86400000L)
+                            : java.time.LocalDate.of(1896 + (i - 1000) / 4 * 4 % 400, 2 + i % 2, 28 + i % 2)
+                                    .atStartOfDay(java.time.ZoneId.of(zone)).toInstant().toEpochMilli() - 1 + i % 3;
+                }
+                for (long millis : instants) {
+                    StringBuffer text = new StringBuffer();
+                    Agent.appendLocalDate(text, millis);
+                    // The zone's offset as the agent's JVM sees it (java.time and TimeZone part ways
+                    // on local mean time before 1900); the calendar is java.time's.
+                    long local = millis + TimeZone.getDefault().getOffset(millis);
+                    String expected = java.time.Instant.ofEpochMilli(local).atZone(java.time.ZoneOffset.UTC)
+                            .toLocalDate().toString();
+                    assertEquals(expected, text.toString(), zone + " " + millis);
+                }
+            }
+        } finally {
+            TimeZone.setDefault(saved);
+        }
+    }
+
     private void touch(String name) throws IOException {
         Files.createFile(myDir.resolve(name));
     }
