@@ -56,42 +56,60 @@ void DominatorComputer::number(jint node, jint parent) {
 }
 
 void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable* refs) {
-  // Three ints a level: the node, and the slots of its references still to look at. Keeping the
-  // slots here, a node that the search comes back to after a deep subtree costs no second look
-  // at its entry of the reference table, which is long out of the cache by then.
-  BigIntArray64 stack(env, "dfsd", 0);
+  // Two stacks. A frame is a node on the search's path, with the height the stack of candidates
+  // had when the node was entered. Entering a node reads its references once, in a row, and
+  // pushes those not visited yet as its candidates, the first on top, asking for their entries
+  // of the reference table as it goes; returning to a node then costs no second look at its
+  // references, long out of the cache after a deep subtree. A candidate that a subtree visited
+  // in the meantime is passed over when it comes up, so the numbering is that of a recursive
+  // search taking references in their order.
+  BigIntArray64 frames(env, "dfsd", 0);
+  BigIntArray64 candidates(env, "dfsc", 0);
   BigIntArray64& targets = refs->getRefs();
+  const jint* startAndCount = refs->getStartAndCount();
+  jint frameTop = 0;
+  jint candidateTop = 0;
   number(0, mySentinel);
   setMark(visited, 0);
-  jint top = 0;
-  stack.set(0, 0);
-  stack.set(1, 0);
-  stack.set(2, myRootCount);
-  while (top >= 0) {
-    jint node = stack.get(3 * top);
-    jint slot = stack.get(3 * top + 1);
-    jint end = stack.get(3 * top + 2);
-    jint target = 0;
-    while (slot < end) {
-      jint candidate = node == 0 ? myRoots0[slot] : targets.get(slot);
-      slot++;
-      if (takes(visited, candidate)) {
-        target = candidate;
-        break;
-      }
+  frames.set(0, 0);
+  frames.set(1, 0);
+  for (jint r = myRootCount - 1; r >= 0; r--) {
+    if (takes(visited, myRoots0[r])) {
+      candidates.set(candidateTop++, myRoots0[r]);
     }
-    if (target == 0) {
-      top--;
+  }
+  BigIntArrayIterator run;
+  while (frameTop >= 0) {
+    jint node = frames.get(2 * frameTop);
+    if (candidateTop == frames.get(2 * frameTop + 1)) {
+      frameTop--;
       continue;
     }
-    stack.set(3 * top + 1, slot);
+    jint target = candidates.get(--candidateTop);
+    if (isMarked(visited, target)) {
+      continue;
+    }
     number(target, node);
     setMark(visited, target);
-    top++;
-    jint start = refs->getStartAndCount()[2 * target];
-    stack.set(3 * top, target);
-    stack.set(3 * top + 1, start);
-    stack.set(3 * top + 2, start + refs->getRefCount(target));
+    frameTop++;
+    frames.set(2 * frameTop, target);
+    frames.set(2 * frameTop + 1, candidateTop);
+    jint first = candidateTop;
+    jint start = startAndCount[2 * target];
+    run.init(&targets, start, start + startAndCount[2 * target + 1]);
+    while (run.hasNext()) {
+      jint candidate = run.next();
+      if (takes(visited, candidate)) {
+        __builtin_prefetch(&startAndCount[2 * candidate]);
+        candidates.set(candidateTop++, candidate);
+      }
+    }
+    // The first reference goes on top.
+    for (jint low = first, high = candidateTop - 1; low < high; low++, high--) {
+      jint swap = candidates.get(low);
+      candidates.set(low, candidates.get(high));
+      candidates.set(high, swap);
+    }
   }
 }
 
