@@ -13,6 +13,7 @@ PACKAGES=(
   libasm-java                     # verifier for instrumented classes
   openjdk-17-source               # a large real-world source tree for end-to-end checks
   chromium                        # headless check of the kjp flame graph page
+  libh2-java                      # an embedded SQL database for the JDBC tests
 )
 
 missing=()
