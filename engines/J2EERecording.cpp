@@ -5,6 +5,7 @@
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
 #include "db/DB.h"
+#include "engines/J2EECalls.h"
 #include "engines/J2EEIndex.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
@@ -36,15 +37,9 @@ void trimUnwoundJ2EECalls(JNIEnv* env, ThreadInfo* info) {
   if (records.isEmpty()) {
     return;
   }
-  jint currentFrameIndex;
-  if ((ourStatus & CPU_COUNTS_BIT) != 0) {
-    // Tracing keeps one filtered bit per open frame; the walk refills them for the stack as
-    // it now is.
-    currentFrameIndex =
-        ourFrameStorage.fillCurrentFrameJVMTI(env, !canInstrumentNativeMethods(), &info->myFilteredCallsStack);
-  } else {
-    currentFrameIndex = ourFrameStorage.fillCurrentFrameJVMTI(env, false, nullptr);
-  }
+  // At the catch the stack is whole again, down to the catching method: tracing's filtered bits
+  // are refilled for the stack as it now is.
+  jint currentFrameIndex = currentJ2EEFrame(env, &info->myFilteredCallsStack);
   KASSERT(currentFrameIndex != -1);
 
   while (!records.isEmpty()) {
@@ -93,6 +88,19 @@ const jvmtiEvent EVENTS_AT_LOAD[] = {JVMTI_EVENT_CLASS_PREPARE, JVMTI_EVENT_EXCE
 
 void foldThreads(KSet<jint>* folded) { ourDB->myJ2EEIndex->mergeJ2EEIndex(folded); }
 
+const JNINativeMethod CALLBACK_NATIVES[] = {
+    nativeRow("kjpSQLEntry1", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpSQLEntry1),
+    nativeRow("kjpSQLEntry2", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpSQLEntry2),
+    nativeRow("kjpSQLEntry3", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpSQLEntry3),
+    nativeRow("kjpSQLExit1", "(Ljava/lang/Object;Ljava/lang/Object;S)V",
+              Java_com_kestrix_runtime_Callback_kjpSQLExit1),
+    nativeRow("kjpSQLExit2", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpSQLExit2),
+    nativeRow("kjpSQLExit3", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpSQLExit3),
+    nativeRow("kjpServletEntry", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpServletEntry),
+    nativeRow("kjpServletExit", "(Ljava/lang/Object;S)V", Java_com_kestrix_runtime_Callback_kjpServletExit),
+    nativeRow("kjpIsJ2EEClass", "(Ljava/lang/Object;)Z", Java_com_kestrix_runtime_Callback_kjpIsJ2EEClass),
+};
+
 }  // namespace
 
 const Engine ourJ2EEEngine = {
@@ -103,7 +111,7 @@ const Engine ourJ2EEEngine = {
     nullptr,
     nullptr,
     NativeList{nullptr, 0},
-    NativeList{nullptr, 0},
+    nativeList(CALLBACK_NATIVES),
     nullptr,
     foldThreads,
     nullptr,

@@ -24,6 +24,13 @@ const char* const INTERFACE_NAMES[] = {
     "Ljavax/servlet/jsp/PageContext;",
     "Ljavax/naming/Context;",
     "Ljavax/naming/directory/DirContext;",
+    // Servlet containers of today use the Jakarta namespace.
+    "Ljakarta/servlet/http/HttpServlet;",
+    "Ljakarta/servlet/jsp/HttpJspPage;",
+    "Ljakarta/servlet/RequestDispatcher;",
+    "Ljakarta/servlet/ServletRequest;",
+    "Ljakarta/servlet/ServletContext;",
+    "Ljakarta/servlet/jsp/PageContext;",
 };
 
 // Name, descriptor, J2EE instrumentation type, J2EE method type (1 JDBC, 2 driver connect,
@@ -127,6 +134,24 @@ const char* const CATALOGUE[][4] = {
     {"getSchemaClassDefinition", "(Ljavax/naming/Name;)Ljavax/naming/directory/DirContext;", "4", "7"},
     {"modifyAttributes", "(Ljavax/naming/Name;ILjavax/naming/directory/Attributes;)V", "4", "7"},
     {"modifyAttributes", "(Ljavax/naming/Name;[Ljavax/naming/directory/ModificationItem;)V", "4", "7"},
+    // The servlet rows again for the Jakarta namespace. The PageContext rows name no servlet
+    // type, so as keys they equal the rows above.
+    // jakarta/servlet/http/HttpServlet
+    {"service", "(Ljakarta/servlet/http/HttpServletRequest;Ljakarta/servlet/http/HttpServletResponse;)V", "5", "4"},
+    // jakarta/servlet/jsp/HttpJspPage
+    {"_jspService", "(Ljakarta/servlet/http/HttpServletRequest;Ljakarta/servlet/http/HttpServletResponse;)V", "5", "5"},
+    // jakarta/servlet/RequestDispatcher
+    {"forward", "(Ljakarta/servlet/ServletRequest;Ljakarta/servlet/ServletResponse;)V", "2", "6"},
+    {"include", "(Ljakarta/servlet/ServletRequest;Ljakarta/servlet/ServletResponse;)V", "2", "6"},
+    // jakarta/servlet/ServletRequest
+    {"getRequestDispatcher", "(Ljava/lang/String;)Ljakarta/servlet/RequestDispatcher;", "1", "6"},
+    // jakarta/servlet/ServletContext
+    {"getRequestDispatcher", "(Ljava/lang/String;)Ljakarta/servlet/RequestDispatcher;", "1", "6"},
+    {"getNamedDispatcher", "(Ljava/lang/String;)Ljakarta/servlet/RequestDispatcher;", "1", "6"},
+    // jakarta/servlet/jsp/PageContext
+    {"forward", "(Ljava/lang/String;)V", "3", "6"},
+    {"include", "(Ljava/lang/String;)V", "3", "6"},
+    {"include", "(Ljava/lang/String;Z)V", "3", "6"},
 };
 
 const int CATALOGUE_ROWS = static_cast<int>(sizeof(CATALOGUE) / sizeof(CATALOGUE[0]));
@@ -150,8 +175,8 @@ J2EEHelper::J2EEHelper() {
     int instrumentationType = static_cast<int>(strtol(row[2], nullptr, 10));
     int methodType = static_cast<int>(strtol(row[3], nullptr, 10));
     const J2EEMethod* method = new J2EEMethod(row[0], row[1], instrumentationType, methodType);
-    // Two rows repeat a method under a second interface with the same values; as keys they
-    // are one, and the first stays.
+    // Some rows repeat a method under a second interface, or in the second namespace, with the
+    // same values; as keys they are one, and the first stays.
     if (ourAllMethods.contains(method)) {
       delete method;
       ourCatalogueEntries[i] = nullptr;

@@ -5,6 +5,8 @@
 #include "agent/KAssert.h"
 #include "agent/KString.h"
 #include "db/DB.h"
+#include "db/records/MethodRecord.h"
+#include "engines/Filter.h"
 #include "engines/KMethod.h"
 
 jint MethodIDProvider::getMethodID(const char* className, const char* methodName, const char* descriptor) const {
@@ -22,6 +24,11 @@ void MethodIDProvider::addMethodFlags(jint methodIndex, jint flags) const {
   MethodRecord* record = ourDB->myMethodTable->getRecord(methodIndex, false);
   KASSERT(record);
   record->myFlags |= flags;
+  if ((flags & MF_J2EE) != 0) {
+    // A method filter never folds a method with J2EE probes into its caller: the J2EE events
+    // name it in their paths.
+    Filter::applyFilters(record);
+  }
   // A live client learns of the change through the stamp.
   record->myModificationStamp = ourDB->myModificationStamp;
 }

@@ -19,9 +19,11 @@
 #include "instrument/InsertionPass.h"
 #include "instrument/InstrumentationRules.h"
 #include "instrument/IntrinsicCandidates.h"
+#include "instrument/J2EEHelper.h"
 #include "instrument/JumpPatcher.h"
 #include "instrument/MethodIDProvider.h"
 #include "instrument/NativeMethodWrapper.h"
+#include "instrument/SQLProbes.h"
 #include "instrument/SwitchDetector.h"
 #include "instrument/TracingProbes.h"
 
@@ -215,9 +217,79 @@ struct ClassContext {
   const MethodIDProvider* myProvider;
   bool myAllocations;
   bool myTracing;
+  bool myJ2EE;
 };
 
-enum StringIndex { S_CALLBACK, S_ENTRY, S_EXIT, S_SS_V, S_INIT, S_INIT_DESCRIPTOR, S_COUNT };
+enum StringIndex {
+  S_CALLBACK,
+  S_ENTRY,
+  S_EXIT,
+  S_SS_V,
+  S_INIT,
+  S_INIT_DESCRIPTOR,
+  S_BASE_COUNT,
+  // Only in a class that may take J2EE probes.
+  S_SQL_ENTRY_1 = S_BASE_COUNT,
+  S_OBJECT_S_V,
+  S_SQL_EXIT_1,
+  S_OBJECT_OBJECT_S_V,
+  S_SQL_ENTRY_2,
+  S_OBJECT_S_V_AGAIN,
+  S_SQL_EXIT_2,
+  S_SQL_ENTRY_3,
+  S_SQL_EXIT_3,
+  S_SERVLET_ENTRY,
+  S_SERVLET_EXIT,
+  S_IS_J2EE_CLASS,
+  S_OBJECT_Z,
+  S_COUNT
+};
+
+// Pool indices of the references to the J2EE natives of the callback class; all -1 in a class
+// that can take no J2EE probes.
+struct J2EEReferences {
+  int mySQLEntry1;
+  int mySQLExit1;
+  int mySQLEntry2;
+  int mySQLExit2;
+  int mySQLEntry3;
+  int mySQLExit3;
+  int myServletEntry;
+  int myServletExit;
+  int myIsJ2EEClass;
+
+  bool present() const { return myIsJ2EEClass >= 0; }
+};
+
+J2EEReferences makeJ2EEReferences(ClassFile& classFile, int callbackClass, KVectorSafe<KString>& names) {
+  names.push(KString("kjpSQLEntry1"));
+  names.push(KString("(Ljava/lang/Object;S)V"));
+  names.push(KString("kjpSQLExit1"));
+  names.push(KString("(Ljava/lang/Object;Ljava/lang/Object;S)V"));
+  names.push(KString("kjpSQLEntry2"));
+  names.push(KString("(Ljava/lang/Object;S)V"));
+  names.push(KString("kjpSQLExit2"));
+  names.push(KString("kjpSQLEntry3"));
+  names.push(KString("kjpSQLExit3"));
+  names.push(KString("kjpServletEntry"));
+  names.push(KString("kjpServletExit"));
+  names.push(KString("kjpIsJ2EEClass"));
+  names.push(KString("(Ljava/lang/Object;)Z"));
+  int strings[S_COUNT];
+  classFile.initStrings(names, strings);
+  int objectShort = strings[S_OBJECT_S_V];
+  J2EEReferences refs;
+  refs.mySQLEntry1 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_ENTRY_1], objectShort);
+  refs.mySQLExit1 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_EXIT_1], strings[S_OBJECT_OBJECT_S_V]);
+  refs.mySQLEntry2 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_ENTRY_2], objectShort);
+  refs.mySQLExit2 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_EXIT_2], objectShort);
+  refs.mySQLEntry3 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_ENTRY_3], objectShort);
+  refs.mySQLExit3 = classFile.findOrCreateMethodRef(callbackClass, strings[S_SQL_EXIT_3], objectShort);
+  refs.myServletEntry = classFile.findOrCreateMethodRef(callbackClass, strings[S_SERVLET_ENTRY], objectShort);
+  refs.myServletExit = classFile.findOrCreateMethodRef(callbackClass, strings[S_SERVLET_EXIT], objectShort);
+  refs.myIsJ2EEClass = classFile.findOrCreateMethodRef(callbackClass, strings[S_IS_J2EE_CLASS], strings[S_OBJECT_Z]);
+  return refs;
+}
 
 void reportNotInstrumented(const MethodIDProvider* provider, const ClassFile& classFile, const MethodInfo* method,
                            jint methodIndex) {
@@ -232,6 +304,24 @@ void reportNotInstrumented(const MethodIDProvider* provider, const ClassFile& cl
   provider->addMethodFlags(methodIndex, MF_NOT_INSTRUMENTED);
 }
 
+// The J2EE probes of a catalogue method, behind the tracing probes it may have got already.
+void addJ2EEProbes(const MethodIDProvider* provider, ClassFile& classFile, MethodInfo* method, jint methodIndex,
+                   const J2EEReferences& refs) {
+  const J2EEMethod* j2ee = J2EEHelper::find(method);
+  if (j2ee == nullptr || j2ee->getJ2EEInstrumentationType() == 0 || method->isStatic()) {
+    return;
+  }
+  bool done = instrumentForSQLTracing(classFile, method, refs.mySQLEntry1, refs.mySQLExit1, refs.mySQLEntry2,
+                                      refs.mySQLExit2, refs.mySQLEntry3, refs.mySQLExit3, refs.myServletEntry,
+                                      refs.myServletExit, j2ee->getJ2EEInstrumentationType(), refs.myIsJ2EEClass,
+                                      j2ee->getJ2EEMethodType());
+  if (done) {
+    provider->addMethodFlags(methodIndex, MF_J2EE);
+  } else {
+    reportNotInstrumented(provider, classFile, method, methodIndex);
+  }
+}
+
 void instrumentClass(ClassFile& classFile, void* context) {
   const ClassContext* c = static_cast<const ClassContext*>(context);
   KVectorSafe<KString> names(S_COUNT);
@@ -241,12 +331,18 @@ void instrumentClass(ClassFile& classFile, void* context) {
   names.push(KString("(SS)V"));
   names.push(KString("kjpInit"));
   names.push(KString("(Ljava/lang/Object;I)I"));
-  int strings[S_COUNT];
+  int strings[S_BASE_COUNT];
   classFile.initStrings(names, strings);
   int callbackClass = classFile.findOrCreateConstantClass(strings[S_CALLBACK]);
   int methodEntryIndex = classFile.findOrCreateMethodRef(callbackClass, strings[S_ENTRY], strings[S_SS_V]);
   int methodExitIndex = classFile.findOrCreateMethodRef(callbackClass, strings[S_EXIT], strings[S_SS_V]);
   int initIndex = classFile.findOrCreateMethodRef(callbackClass, strings[S_INIT], strings[S_INIT_DESCRIPTOR]);
+  // The J2EE probes keep the receiver's class test and the SQL texts in tags, which need their
+  // environment.
+  J2EEReferences j2ee = {-1, -1, -1, -1, -1, -1, -1, -1, -1};
+  if (c->myJ2EE && ourJVMTI3 != nullptr && J2EEHelper::canBeJ2EEClass(classFile)) {
+    j2ee = makeJ2EEReferences(classFile, callbackClass, names);
+  }
 
   KString className(classFile.getSignature());
   bool isCallback = className == CALLBACK_CLASS;
@@ -281,23 +377,27 @@ void instrumentClass(ClassFile& classFile, void* context) {
     bool allocations = c->myAllocations && !name.startsWith("template$dot$");
     // Every method with code gets its row, also one that takes no probes.
     jint methodIndex = c->myProvider->getMethodID(className.get(), name.get(), method->getDescriptor().get());
-    if (!allocations && !c->myTracing) {
-      continue;
+    if (allocations || c->myTracing) {
+      if (code->getCodeLength() < 3 || isTrivial(code->getCode(), code->getCodeLength())) {
+        continue;
+      }
+      KSet<int> instructions(16);
+      bool done = instrumentForTracingAllocationJ2EEImpl(c->myProvider, methodIndex, classFile, method,
+                                                         methodEntryIndex, methodExitIndex, initIndex, allocations,
+                                                         c->myTracing, &instructions);
+      if (!done && instructions.size() > 0 && wideningAllowed) {
+        modifyJumps(classFile, method, &instructions);
+        done = instrumentForTracingAllocationJ2EEImpl(c->myProvider, methodIndex, classFile, method,
+                                                      methodEntryIndex, methodExitIndex, initIndex, allocations,
+                                                      c->myTracing, nullptr);
+      }
+      if (!done) {
+        reportNotInstrumented(c->myProvider, classFile, method, methodIndex);
+        continue;
+      }
     }
-    if (code->getCodeLength() < 3 || isTrivial(code->getCode(), code->getCodeLength())) {
-      continue;
-    }
-    KSet<int> instructions(16);
-    bool done = instrumentForTracingAllocationJ2EEImpl(c->myProvider, methodIndex, classFile, method, methodEntryIndex,
-                                                       methodExitIndex, initIndex, allocations, c->myTracing,
-                                                       &instructions);
-    if (!done && instructions.size() > 0 && wideningAllowed) {
-      modifyJumps(classFile, method, &instructions);
-      done = instrumentForTracingAllocationJ2EEImpl(c->myProvider, methodIndex, classFile, method, methodEntryIndex,
-                                                    methodExitIndex, initIndex, allocations, c->myTracing, nullptr);
-    }
-    if (!done) {
-      reportNotInstrumented(c->myProvider, classFile, method, methodIndex);
+    if (j2ee.present()) {
+      addJ2EEProbes(c->myProvider, classFile, method, methodIndex, j2ee);
     }
   }
 }
@@ -327,9 +427,6 @@ bool instrumentForTracingAllocationJ2EE(const MethodIDProvider* provider, const 
   KASSERT(input.size() > 0);
   KASSERT(output.size() == 0);
   KASSERT(provider);
-  // The J2EE and SQL probes are not part of this treatment yet; the flag is accepted so
-  // that callers pass it already.
-  (void)j2ee;
-  ClassContext context = {provider, allocations, tracing};
+  ClassContext context = {provider, allocations, tracing, j2ee};
   return ClassRewriter::rewrite(className, input, output, instrumentClass, &context);
 }

@@ -11,8 +11,8 @@ class MethodIDProvider;
 class MethodInfo;
 
 // The whole treatment of one class on its way into the JVM: pool entries for the callback
-// class, wrapped natives, and entry, exit and allocation probes in every method that takes
-// them. Returns true when 'output' holds the rewritten class; false when the class must be
+// class, wrapped natives, entry, exit and allocation probes in every method that takes them,
+// and, with 'j2ee', the J2EE probes in the methods of the J2EE catalogue. Returns true when 'output' holds the rewritten class; false when the class must be
 // left as the JVM gave it ('output' empty, the class warning already printed). className
 // may be null; messages then name it "<NULL>".
 bool instrumentForTracingAllocationJ2EE(const MethodIDProvider* provider, const char* className,

@@ -14,6 +14,10 @@ PACKAGES=(
   openjdk-17-source               # a large real-world source tree for end-to-end checks
   chromium                        # headless check of the kjp flame graph page
   libh2-java                      # an embedded SQL database for the JDBC tests
+  postgresql libpostgresql-jdbc-java  # a real database server and its driver for the JDBC tests
+  libjetty9-java                  # javax.servlet container for the servlet tests and benchmark
+  libtomcat10-embed-java          # jakarta.servlet container for the servlet tests
+  wrk                             # HTTP load generator of the servlet benchmark
 )
 
 missing=()

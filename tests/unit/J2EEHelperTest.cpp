@@ -7,10 +7,23 @@
 using namespace kjptest;
 
 TEST(J2EEHelper, CatalogueIsFilledAtLoadAndMatchesByNameAndDescriptor) {
-  // 86 rows, of which two repeat a method under a second interface.
-  EXPECT_EQ(84, J2EEHelper::ourAllMethods.size());
-  EXPECT_EQ(12, J2EEHelper::ourAllInterfaceNames.size());
+  // 86 rows, of which two repeat a method under a second interface, and the ten servlet rows
+  // again for Jakarta, of which the three of PageContext and the second getRequestDispatcher
+  // name no servlet type of their own.
+  EXPECT_EQ(84 + 6, J2EEHelper::ourAllMethods.size());
+  EXPECT_EQ(12 + 6, J2EEHelper::ourAllInterfaceNames.size());
   EXPECT_TRUE(J2EEHelper::ourAllInterfaceNames.contains("Ljavax/naming/directory/DirContext;"));
+  EXPECT_TRUE(J2EEHelper::ourAllInterfaceNames.contains("Ljakarta/servlet/ServletRequest;"));
+  const J2EEMethod* jakartaService = J2EEHelper::find(
+      "service", "(Ljakarta/servlet/http/HttpServletRequest;Ljakarta/servlet/http/HttpServletResponse;)V");
+  ASSERT_NE(nullptr, jakartaService);
+  EXPECT_EQ(5, jakartaService->getJ2EEInstrumentationType());
+  EXPECT_EQ(4, jakartaService->getJ2EEMethodType());
+  const J2EEMethod* jakartaForward =
+      J2EEHelper::find("forward", "(Ljakarta/servlet/ServletRequest;Ljakarta/servlet/ServletResponse;)V");
+  ASSERT_NE(nullptr, jakartaForward);
+  EXPECT_EQ(2, jakartaForward->getJ2EEInstrumentationType());
+  EXPECT_EQ(6, jakartaForward->getJ2EEMethodType());
 
   const J2EEMethod* query = J2EEHelper::find("executeQuery", "(Ljava/lang/String;)Ljava/sql/ResultSet;");
   ASSERT_NE(nullptr, query);

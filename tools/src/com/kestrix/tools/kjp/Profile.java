@@ -128,17 +128,26 @@ final class Profile {
 
     /** The call tree of a frame's path alone, for naming it: the methods from the frame to the root. */
     List<Integer> methodsLeafFirst(int frame) {
-        List<Integer> methods = new ArrayList<>();
+        return pathLeafFirst(frame, true);
+    }
+
+    /** The frames from 'frame' to the root, 'frame' first. */
+    List<Integer> framesLeafFirst(int frame) {
+        return pathLeafFirst(frame, false);
+    }
+
+    private List<Integer> pathLeafFirst(int frame, boolean methods) {
+        List<Integer> path = new ArrayList<>();
         int guard = myFrames.size() + 1;
         for (int current = frame; current > 0 && guard-- > 0; ) {
             int row = myFrames.rowOf(current);
             if (row < 0) {
                 break;
             }
-            methods.add(myFrames.getInt(row, myFrameCallee));
+            path.add(methods ? myFrames.getInt(row, myFrameCallee) : current);
             current = myFrames.getInt(row, myFrameParent);
         }
-        return methods;
+        return path;
     }
 
     /** The thread of a running number, or null. */

@@ -1,0 +1,94 @@
+package com.kestrix.tools.kjp;
+
+import com.kestrix.tools.snapshot.Table;
+import com.kestrix.tools.snapshot.TableLayout;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Objects;
+
+/**
+ * The J2EE events of a snapshot: SQL statements, servlet requests, request dispatching and JNDI
+ * calls, each a sum per thread, call path, text and kind. The call path ends in the method that
+ * carries the probe (the driver's executeQuery, the servlet's service); its time is what the CPU
+ * data of that path grew by during the calls, so it is CPU time where the CPU data is.
+ */
+final class J2EEEvents {
+    static final int KIND_JDBC = 1;
+    static final int KIND_CONNECT = 2;
+    static final int KIND_SERVLET = 4;
+    static final int KIND_JSP = 5;
+    static final int KIND_DISPATCH = 6;
+    static final int KIND_JNDI = 7;
+
+    /** One row: 'text' is the SQL, the request URI or the JNDI name, "" when unknown. */
+    record Event(int thread, String threadName, int frame, String text, int kind, long timeNs, long count) {
+        boolean isSql() {
+            return kind == KIND_JDBC || kind == KIND_CONNECT;
+        }
+
+        boolean isRequest() {
+            return kind == KIND_SERVLET || kind == KIND_JSP;
+        }
+    }
+
+    private J2EEEvents() {
+    }
+
+    /**
+     * The rows with at least one call, of the agent's threads only when those are shown. Rows of
+     * threads folded at their end belong to "<Oldest dead threads>" and keep their paths.
+     */
+    static List<Event> read(Profile profile) {
+        TableLayout l = TableLayout.J2EE;
+        Table table = profile.snapshot().table(l);
+        int threadField = l.field("thread");
+        int frameField = l.field("frame");
+        int textField = l.field("strID");
+        int kindField = l.field("kind");
+        int timeField = l.field("timeNs");
+        int countField = l.field("count");
+        List<Event> events = new ArrayList<>();
+        for (int row = 0; row < table.size(); row++) {
+            long count = table.getLong(row, countField);
+            int thread = table.getInt(row, threadField);
+            if (table.stamp(row) <= 0 || count <= 0 || thread == 0) {
+                continue;
+            }
+            Profile.ThreadEntry entry = profile.threadByNumber(thread);
+            String threadName = entry == null ? "<thread " + thread + ">" : entry.name();
+            if (!Profile.showsThread(threadName)) {
+                continue;
+            }
+            String text = Objects.requireNonNullElse(profile.snapshot().string(table.getInt(row, textField)), "");
+            events.add(new Event(thread, threadName, table.getInt(row, frameField), text,
+                    table.getInt(row, kindField), Math.max(0, table.getLong(row, timeField)), count));
+        }
+        return events;
+    }
+
+    /** Whether 'ancestor' is 'frame' or lies on its path to the root. */
+    static boolean isAncestor(Profile profile, int ancestor, int frame) {
+        if (ancestor <= 0) {
+            return false;
+        }
+        for (int current : profile.framesLeafFirst(frame)) {
+            if (current == ancestor) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /** "SQL", "connect", "request", "JSP", "dispatch", "JNDI" for a kind. */
+    static String kindName(int kind) {
+        return switch (kind) {
+            case KIND_JDBC -> "SQL";
+            case KIND_CONNECT -> "connect";
+            case KIND_SERVLET -> "request";
+            case KIND_JSP -> "JSP";
+            case KIND_DISPATCH -> "dispatch";
+            case KIND_JNDI -> "JNDI";
+            default -> "kind " + kind;
+        };
+    }
+}
