@@ -8,9 +8,10 @@ import java.sql.SQLException;
 import java.sql.Statement;
 
 /**
- * Runs known numbers of SQL statements against an in-memory H2 database, each kind from a method
- * of its own, so that the J2EE records can be checked by text, count and call path. Arguments:
- * how often the prepared query runs, how often the plain query runs.
+ * Runs known numbers of SQL statements against a database, each kind from a method of its own,
+ * so that the J2EE records can be checked by text, count and call path. Arguments: the JDBC URL
+ * (an in-memory H2 database, or a PostgreSQL server), how often the prepared query runs, how
+ * often the plain query runs.
  */
 public final class JdbcStatements {
     static final String PREPARED = "SELECT name FROM item WHERE id = ?";
@@ -22,9 +23,9 @@ public final class JdbcStatements {
     }
 
     public static void main(String[] args) throws Exception {
-        int prepared = Integer.parseInt(args[0]);
-        int plain = Integer.parseInt(args[1]);
-        try (Connection connection = DriverManager.getConnection("jdbc:h2:mem:kjp")) {
+        int prepared = Integer.parseInt(args[1]);
+        int plain = Integer.parseInt(args[2]);
+        try (Connection connection = DriverManager.getConnection(args[0])) {
             createTable(connection);
             long sum = runPrepared(connection, prepared) + runPlain(connection, plain);
             String failure = runFailing(connection);
@@ -35,6 +36,8 @@ public final class JdbcStatements {
 
     static void createTable(Connection connection) throws SQLException {
         try (Statement statement = connection.createStatement()) {
+            // A server keeps the table of an earlier run.
+            statement.execute("DROP TABLE IF EXISTS item");
             statement.execute("CREATE TABLE item (id INT PRIMARY KEY, name VARCHAR(20))");
             for (int i = 0; i < 10; i++) {
                 statement.executeUpdate("INSERT INTO item VALUES (" + i + ", 'item" + i + "')");
@@ -69,12 +72,18 @@ public final class JdbcStatements {
     }
 
     /** A statement the database refuses: its SQLException is caught here, two frames above the driver. */
-    static String runFailing(Connection connection) throws SQLException {
+    static String runFailing(Connection connection) {
+        try {
+            return queryFailing(connection);
+        } catch (SQLException e) {
+            return e.getSQLState();
+        }
+    }
+
+    static String queryFailing(Connection connection) throws SQLException {
         try (Statement statement = connection.createStatement()) {
             statement.executeQuery(FAILING);
             return "none";
-        } catch (SQLException e) {
-            return e.getSQLState();
         }
     }
 

@@ -3,8 +3,11 @@ package com.kestrix.tools.kjp;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.util.ArrayList;
+import java.util.HashSet;
 import java.util.List;
 import java.util.Objects;
+import java.util.Set;
+import java.util.function.Predicate;
 
 /**
  * The J2EE events of a snapshot: SQL statements, servlet requests, request dispatching and JNDI
@@ -64,6 +67,40 @@ final class J2EEEvents {
                     table.getInt(row, kindField), Math.max(0, table.getLong(row, timeField)), count));
         }
         return events;
+    }
+
+    /** The rest of kjp's message for a snapshot without J2EE events, after "FILE: ". */
+    static final String NONE_RECORDED = "has no J2EE events (SQL statements, requests, JNDI calls): they are recorded"
+            + " while CPU profiling runs with J2EE on (-agentlib:kjpagent=sampling or =tracing, without noj2ee or"
+            + " disablej2ee)";
+
+    /**
+     * The events that 'kind' selects, less those made inside another of them: a pool's statement
+     * that calls the driver's, or a prepareStatement that calls its own overloads, is one call of
+     * the application. A row is inner when a frame above its own is the frame of a selected row.
+     */
+    static List<Event> outermost(Profile profile, List<Event> events, Predicate<Event> kind) {
+        Set<Integer> frames = new HashSet<>();
+        for (Event e : events) {
+            if (kind.test(e)) {
+                frames.add(e.frame());
+            }
+        }
+        List<Event> outer = new ArrayList<>();
+        for (Event e : events) {
+            if (!kind.test(e)) {
+                continue;
+            }
+            List<Integer> path = profile.framesLeafFirst(e.frame());
+            boolean inner = false;
+            for (int i = 1; i < path.size() && !inner; i++) {
+                inner = frames.contains(path.get(i));
+            }
+            if (!inner) {
+                outer.add(e);
+            }
+        }
+        return outer;
     }
 
     /** Whether 'ancestor' is 'frame' or lies on its path to the root. */

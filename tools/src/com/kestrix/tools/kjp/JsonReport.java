@@ -61,6 +61,9 @@ final class JsonReport {
             json.name("exceptions").beginObject().field("thrown", exceptions.myThrown)
                     .field("classes", exceptions.myClasses).field("uncaught", exceptions.myUncaught).endObject();
         }
+        if (!report.myJ2EE.isEmpty()) {
+            report.myJ2EE.writeJson(json);
+        }
 
         json.name("threads").beginArray();
         for (Report.ThreadLine line : report.myThreads) {

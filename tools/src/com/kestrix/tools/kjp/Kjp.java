@@ -44,6 +44,7 @@ public final class Kjp {
             "  locks      monitor contention: blocks, parks on java.util.concurrent locks and waits, by lock class,",
             "             by call path and by owner thread, with times and counts",
             "  exceptions exceptions counted: by class, by throwing path and by catching path (or uncaught)",
+            "  sql        SQL statements by total time, count and mean, with the call paths that issued them",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
             "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|mark|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
@@ -52,11 +53,12 @@ public final class Kjp {
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
             "  --thread NAME         only threads of this name (may be given more than once)",
-            "  --format text|json    report, alloc, heap, locks, exceptions: plain text (default) or JSON for scripts",
+            "  --format text|json    report, alloc, heap, locks, exceptions, sql: plain text (default) or JSON",
             "  --top N               report, alloc: methods in each hot-spot table; heap: classes; locks,",
-            "                        exceptions: lines of each class and thread list (default 20)",
-            "  --paths N             report, alloc, locks, exceptions: call paths to show (default 10)",
-            "  --path-depth N        report: the deepest N frames of each path (default 12), with the number",
+            "                        exceptions: lines of each class and thread list; sql: statements (default 20)",
+            "  --paths N             report, alloc, locks, exceptions: call paths to show; sql: paths of each",
+            "                        statement (default 10)",
+            "  --path-depth N        report, sql: the deepest N frames of each path (default 12), with the number",
             "                        of frames left out; --paths 0 leaves the paths out",
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
             "  --class NAME          heap: where the live objects of this class were allocated",
@@ -257,6 +259,19 @@ public final class Kjp {
                     }
                     break;
                 }
+                case "sql": {
+                    SqlReport report = new SqlReport(profile, a.threads, a.top, a.paths);
+                    if (!report.myAnyEvents) {
+                        throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
+                    }
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer), a.pathDepth);
+                    }
+                    break;
+                }
                 case "exceptions": {
                     ExceptionReport report = new ExceptionReport(profile, a.threads, a.top, a.paths);
                     if (a.format.equals("json")) {
@@ -453,9 +468,10 @@ public final class Kjp {
         if (!reportLike && a.byThread) {
             throw new UsageException("--by-thread belongs to report and alloc");
         }
-        boolean lockOrException = a.command.equals("locks") || a.command.equals("exceptions");
+        boolean lockOrException = a.command.equals("locks") || a.command.equals("exceptions")
+                || a.command.equals("sql");
         if (!reportLike && !lockOrException && !a.command.equals("heap") && !a.format.equals("text")) {
-            throw new UsageException("--format belongs to report, alloc, heap, locks, exceptions and list");
+            throw new UsageException("--format belongs to report, alloc, heap, locks, exceptions, sql and list");
         }
         if (!a.command.equals("heap") && a.className != null) {
             throw new UsageException("--class belongs to heap");
@@ -473,7 +489,7 @@ public final class Kjp {
         if (a.command == null) {
             if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed") && !arg.equals("alloc")
                     && !arg.equals("heap") && !arg.equals("locks") && !arg.equals("exceptions")
-                    && !arg.equals("list")) {
+                    && !arg.equals("list") && !arg.equals("sql")) {
                 throw new UsageException("unknown command '" + arg + "'");
             }
             a.command = arg;

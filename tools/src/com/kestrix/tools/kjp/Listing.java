@@ -1,6 +1,9 @@
 package com.kestrix.tools.kjp;
 
+import com.kestrix.tools.snapshot.SnapshotHeader;
 import java.io.PrintWriter;
+import java.time.Instant;
+import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Locale;
@@ -75,5 +78,23 @@ final class Listing {
     /** "1 block", "2 blocks". */
     static String counted(long count, String one, String many) {
         return Format.count(count) + " " + (count == 1 ? one : many);
+    }
+
+    /** The lines every view of a snapshot starts with: its file, session and capture. */
+    static void snapshotHeader(Profile profile, ZoneId zone, PrintWriter out) {
+        SnapshotHeader h = profile.header();
+        out.println("Kestrix Java Profiler snapshot " + profile.snapshot().file());
+        out.println();
+        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
+        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
+                + ", " + h.cause());
+    }
+
+    /** An open JSON object with the same: file, session and capture time. */
+    static Json snapshotJson(Profile profile) {
+        SnapshotHeader h = profile.header();
+        return new Json().beginObject().field("file", profile.snapshot().file().toString())
+                .field("session", h.sessionName())
+                .field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
     }
 }

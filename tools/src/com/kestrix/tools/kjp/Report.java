@@ -41,6 +41,7 @@ final class Report {
     /** Totals of monitor profiling and exception telemetry, for a line each when there are any. */
     final LockReport myLocks;
     final ExceptionReport myExceptions;
+    final J2EESummary myJ2EE;
 
     Report(Profile profile, Settings settings) throws SnapshotFormatException {
         myProfile = profile;
@@ -48,6 +49,7 @@ final class Report {
         mySettings = settings;
         myLocks = new LockReport(profile, settings.threadNames(), 0, 0);
         myExceptions = new ExceptionReport(profile, settings.threadNames(), 0, 0);
+        myJ2EE = new J2EESummary(profile, settings.threadNames());
         List<CallTree> perThread = profile.callTrees(false, settings.threadNames());
         Map<Profile.ThreadEntry, Long> cpuByThread = new HashMap<>();
         long cpu = 0;

@@ -71,19 +71,18 @@ final class TextReport {
         myOut.println(Format.padRight(name, 10) + value);
     }
 
-    /** A line each for monitor contention and exceptions, only when the snapshot has some. */
+    /** A line each for monitor contention, exceptions and J2EE events, only when the snapshot has some. */
     private void writeLocksAndExceptions() {
-        String locks = myReport.myLocks.summaryLine();
-        String exceptions = myReport.myExceptions.summaryLine();
-        if (locks == null && exceptions == null) {
-            return;
+        List<String> lines = new ArrayList<>();
+        for (String line : new String[] {myReport.myLocks.summaryLine(), myReport.myExceptions.summaryLine(),
+            myReport.myJ2EE.line()}) {
+            if (line != null) {
+                lines.add(line);
+            }
         }
-        myOut.println();
-        if (locks != null) {
-            myOut.println(locks);
-        }
-        if (exceptions != null) {
-            myOut.println(exceptions);
+        if (!lines.isEmpty()) {
+            myOut.println();
+            lines.forEach(myOut::println);
         }
     }
 
