@@ -14,6 +14,7 @@
 #include "agent/AgentThread.h"
 #include "agent/CPUTime.h"
 #include "agent/Clock.h"
+#include "agent/HotSpotFlags.h"
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
@@ -84,6 +85,10 @@ struct ThreadSlot {
   // The rest belongs to ourLock.
   bool myInUse;
   timer_t myTimer;
+  // Written by the thread's handler only (and before its timer exists): the CPU time that the
+  // timer's next first expiry stands for, and the state of the jitter's random numbers.
+  jlong myArmedNs;
+  uint64_t myJitterState;
   SampleRing myRing;
 };
 
@@ -187,11 +192,44 @@ jint walkStack(JNIEnv* env, AsyncFrame* frames, void* context) {
   return result;
 }
 
+// The CPU time until a thread's next sample: the period, drawn uniformly from half of it to one
+// and a half. A fixed interval meets work that repeats at a multiple of it in the same phase
+// every time and charges the part of it that happens to be there; drawn intervals keep the
+// mean and lose the phase.
+jlong nextInterval(ThreadSlot* slot, jlong period) {
+  uint64_t x = slot->myJitterState;
+  x ^= x << 13;
+  x ^= x >> 7;
+  x ^= x << 17;
+  slot->myJitterState = x;
+  return period / 2 + static_cast<jlong>(x % static_cast<uint64_t>(period > 0 ? period : 1));
+}
+
+void toTimeSpec(jlong ns, struct timespec* time) {
+  time->tv_sec = static_cast<time_t>(ns / 1000000000LL);
+  time->tv_nsec = static_cast<long>(ns % 1000000000LL);
+}
+
+// Sets the timer's next expiry to a drawn interval (and the ones after it, should the thread
+// run on before the signal is taken, to the period), and notes what that expiry stands for.
+void rearm(ThreadSlot* slot, jlong period) {
+  jlong next = nextInterval(slot, period);
+  struct itimerspec spec;
+  toTimeSpec(period, &spec.it_interval);
+  toTimeSpec(next, &spec.it_value);
+  if (timer_settime(slot->myTimer, 0, &spec, nullptr) == 0) {
+    slot->myArmedNs = next;
+  }
+}
+
 void takeSample(ThreadSlot* slot, siginfo_t* info, void* context) {
   // An expiry the kernel could not signal at once (the thread ran on for several periods in
-  // one tick) is counted as an overrun: the sample stands for all of them.
-  jlong expiries = 1 + (info->si_overrun > 0 ? info->si_overrun : 0);
-  SampleRing::Entry* entry = slot->myRing.beginWrite(expiries * ourPeriodNs.load(std::memory_order_relaxed));
+  // one tick) is counted as an overrun: the sample stands for all of them, after the drawn
+  // interval that the first one ended.
+  jlong period = ourPeriodNs.load(std::memory_order_relaxed);
+  jlong overruns = info->si_overrun > 0 ? info->si_overrun : 0;
+  SampleRing::Entry* entry = slot->myRing.beginWrite(slot->myArmedNs + overruns * period);
+  rearm(slot, period);
   if (entry == nullptr) {
     return;
   }
@@ -328,10 +366,12 @@ void armThread(ThreadInfo* info) {
     return;
   }
   jlong period = ourPeriodNs.load();
+  // Each thread draws its own intervals; the seed only has to differ between threads.
+  slot->myJitterState = (static_cast<uint64_t>(tid) << 32) ^ static_cast<uint64_t>(getTimeNs()) ^ 0x9e3779b97f4a7c15ULL;
+  slot->myArmedNs = nextInterval(slot, period);
   struct itimerspec spec;
-  spec.it_interval.tv_sec = static_cast<time_t>(period / 1000000000LL);
-  spec.it_interval.tv_nsec = static_cast<long>(period % 1000000000LL);
-  spec.it_value = spec.it_interval;
+  toTimeSpec(period, &spec.it_interval);
+  toTimeSpec(slot->myArmedNs, &spec.it_value);
   if (timer_settime(slot->myTimer, 0, &spec, nullptr) != 0) {
     timer_delete(slot->myTimer);
     slot->myInfo.store(nullptr);
@@ -353,11 +393,14 @@ void armNewThreads() {
 // Deletes the slot's timer and waits for a handler that may still be writing, so that the
 // slot can serve another thread.
 void disarmSlot(ThreadSlot* slot) {
-  timer_delete(slot->myTimer);
+  // The generation first: a handler from here on leaves the timer alone, and one already
+  // inside (which may set the timer again) is waited for, so no handler touches the timer
+  // after its id is given back to the kernel for another timer to take.
   slot->myGeneration.fetch_add(1);
   while (slot->myBusy.load(std::memory_order_acquire)) {
     sched_yield();
   }
+  timer_delete(slot->myTimer);
 }
 
 // --- turning samples into the call tree, under ourLock ---
@@ -673,6 +716,15 @@ bool startAsyncSampling(JNIEnv* env) {
   }
   if (!ourWantsMethodIDs.exchange(true)) {
     makeMethodIDsOfLoadedClasses(env);
+  }
+  // Compiled code describes its inlined methods only at calls and safepoint polls, and the walk
+  // names the method of the next such place after the sampled instruction, which is often
+  // another method inlined into the same code: a loop of calls was charged a fifth of its time
+  // short, to the method after it. With this flag the compiler describes every instruction;
+  // code compiled before stays as it was.
+  if (!enableHotSpotBoolFlag("DebugNonSafepoints")) {
+    fprintf(stderr, KJP_LOG_PREFIX "*** Warning ***: this JVM's compiled code cannot be told to describe every instruction: samples in inlined methods may be charged to a neighbour\n");
+    fflush(stderr);
   }
   ourPeriodNs.store(static_cast<jlong>(ourOptions.mySamplingPeriod) * 1000000LL);
   ourTracing.store((ourStatus & CPU_COUNTS_BIT) != 0);

@@ -74,6 +74,22 @@ class AsyncSampledCpuTest {
 
     @ParameterizedTest
     @MethodSource("jdks")
+    void theCompilerDescribesEveryInstructionWhileTheWalkSamplesAndOnlyThen(Path jdk) throws Exception {
+        // Without the flag, a sample in a loop of calls was charged to the method inlined after it.
+        String[] program = {"-XX:+UnlockDiagnosticVMOptions", "-cp", Jvm.programs().toString(),
+            "com.kestrix.programs.PrintVMOption",
+            "DebugNonSafepoints"};
+        for (String mode : new String[] {"asyncsampling", "sampling"}) {
+            List<String> args = new ArrayList<>(List.of(Jvm.agentArgument(mode + ",quiet")));
+            args.addAll(List.of(program));
+            Jvm.Result run = Jvm.run(jdk, 120, args.toArray(new String[0]));
+            assertEquals(0, run.exitCode, run.toString());
+            assertTrue(run.stdout.contains("DebugNonSafepoints=" + mode.equals("asyncsampling")), run.toString());
+        }
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
     void sharesOfKnownTruthComeOutWithinTheirSamplingNoise(Path jdk, @TempDir Path dir) throws Exception {
         List<String> args = new ArrayList<>();
         args.add(Jvm.agentArgument("asyncsampling,samplingperiod=1,quiet,dir=" + dir));
