@@ -1,0 +1,117 @@
+package com.kestrix.programs.j2ee;
+
+import jakarta.servlet.DispatcherType;
+import jakarta.servlet.ServletException;
+import jakarta.servlet.http.HttpServlet;
+import jakarta.servlet.http.HttpServletRequest;
+import jakarta.servlet.http.HttpServletResponse;
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Comparator;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.stream.Stream;
+import javax.naming.NamingException;
+import org.apache.catalina.Lifecycle;
+import org.apache.catalina.Wrapper;
+import org.apache.catalina.connector.Connector;
+import org.apache.catalina.core.StandardContext;
+import org.apache.catalina.startup.Tomcat;
+import org.apache.tomcat.util.descriptor.web.ContextEnvironment;
+
+/**
+ * Tomcat 10 (jakarta.servlet) on a free port of the loopback address serving the URIs of
+ * Workload; its JNDI lookups go to Tomcat's own naming, "java:comp/env/greeting" an environment
+ * entry of the context. Prints "port N", stops when standard input ends.
+ */
+public final class TomcatServer {
+    static final String GREETING_NAME = "java:comp/env/" + Workload.GREETING;
+
+    /** The servlet of every URI; a forwarded or included request writes the fragment. */
+    static final class AppServlet extends HttpServlet {
+        private static final long serialVersionUID = 1L;
+        private final transient Workload myWorkload;
+        private final AtomicInteger myNext = new AtomicInteger();
+
+        AppServlet(Workload workload) {
+            myWorkload = workload;
+        }
+
+        @Override
+        protected void doGet(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            response.setContentType("text/plain");
+            if (request.getDispatcherType() != DispatcherType.REQUEST) {
+                response.getWriter().println("part of " + request.getRequestURI());
+                return;
+            }
+            try {
+                switch (request.getServletPath()) {
+                    case "/a":
+                        Workload.lookup(null, GREETING_NAME);
+                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+                        request.getRequestDispatcher("/part").include(request, response);
+                        break;
+                    case "/b":
+                        long n = myWorkload.count();
+                        request.setAttribute("count", n);
+                        request.getServletContext().getRequestDispatcher("/view").forward(request, response);
+                        break;
+                    case "/q":
+                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+                        break;
+                    case "/fail":
+                        throw new ServletException("failing on purpose");
+                    default:
+                        response.sendError(404);
+                }
+            } catch (java.sql.SQLException | NamingException e) {
+                throw new ServletException(e);
+            }
+        }
+    }
+
+    public static void main(String[] args) throws Exception {
+        Workload workload = new Workload();
+        Path base = Files.createTempDirectory("kjp-tomcat-");
+        Tomcat tomcat = new Tomcat();
+        tomcat.setBaseDir(base.toString());
+        Connector connector = new Connector();
+        connector.setPort(0);
+        connector.setProperty("address", "127.0.0.1");
+        tomcat.setConnector(connector);
+        tomcat.enableNaming();
+        // Tomcat.addContext would scan the servlet's annotations, which needs jakarta.annotation,
+        // a jar Debian's embedded Tomcat leaves out; this context is declared in code instead.
+        StandardContext context = new StandardContext();
+        context.setName("");
+        context.setPath("");
+        context.setDocBase(Files.createDirectories(base.resolve("docs")).toString());
+        context.addLifecycleListener(event -> {
+            if (event.getType().equals(Lifecycle.CONFIGURE_START_EVENT)) {
+                context.setConfigured(true);
+            }
+        });
+        tomcat.getHost().addChild(context);
+        ContextEnvironment greeting = new ContextEnvironment();
+        greeting.setName(Workload.GREETING);
+        greeting.setType("java.lang.String");
+        greeting.setValue("hello");
+        context.getNamingResources().addEnvironment(greeting);
+        Wrapper servlet = Tomcat.addServlet(context, "app", new AppServlet(workload));
+        for (String uri : new String[] {"/a", "/b", "/q", "/fail", "/part", "/view"}) {
+            servlet.addMapping(uri);
+        }
+        tomcat.start();
+        try {
+            Workload.serveUntilStopped(connector.getLocalPort());
+        } finally {
+            tomcat.stop();
+            tomcat.destroy();
+            workload.close();
+            try (Stream<Path> files = Files.walk(base)) {
+                files.sorted(Comparator.reverseOrder()).forEach(f -> f.toFile().delete());
+            }
+        }
+    }
+}
