@@ -5,6 +5,7 @@
 #include "agent/KLock.h"
 #include "db/DB.h"
 #include "db/StringPool.h"
+#include "engines/Engine.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
 #include "engines/WallTimeCorrector.h"
@@ -79,6 +80,21 @@ jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls) {
                                                filteredCalls != nullptr ? filteredCalls : &scratch);
 }
 
+void dropUnwoundJ2EECalls(ThreadInfo* info, jint currentFrame) {
+  KVector<J2EERecord*>& records = info->myJ2EERecordsStack;
+  KVector<jlong>& times = info->myJ2EETimesStack;
+  while (!records.isEmpty() && !times.isEmpty()) {
+    jint open = records.get(records.size() - 1)->myFrame;
+    for (jint frame = currentFrame; frame > 0; frame = ourFrameStorage.getParent(frame)) {
+      if (frame == open) {
+        return;
+      }
+    }
+    records.pop();
+    times.pop();
+  }
+}
+
 void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind) {
   ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr || info->myIsAgentThread) {
@@ -87,6 +103,11 @@ void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind) {
   jint frame = currentJ2EEFrame(env, nullptr);
   if (frame == -1) {
     return;
+  }
+  if (!exceptionEventsWanted()) {
+    // Without catch events, calls whose exits an exception skipped are still open here; their
+    // frames are off the path of this one.
+    dropUnwoundJ2EECalls(info, frame);
   }
   J2EERecord* record = info->getJ2EERecord(string, kind, frame);
   KASSERT(record);
@@ -97,10 +118,21 @@ void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind) {
   info->myJ2EERecordsStack.push(record);
 }
 
-void kjpJ2EEExitImpl(JNIEnv*) {
+void kjpJ2EEExitImpl(JNIEnv* env) {
   ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr || info->myJ2EERecordsStack.isEmpty()) {
     return;
+  }
+  if (!exceptionEventsWanted()) {
+    // Calls made inside this one whose exits an exception skipped lie above its own record,
+    // which no catch trimmed: they are off the path of the method that returns now.
+    jint frame = currentJ2EEFrame(env, nullptr);
+    if (frame != -1) {
+      dropUnwoundJ2EECalls(info, frame);
+    }
+    if (info->myJ2EERecordsStack.isEmpty()) {
+      return;
+    }
   }
   J2EERecord* record = info->myJ2EERecordsStack.pop();
   KASSERT(record);

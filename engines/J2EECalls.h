@@ -5,6 +5,8 @@
 
 #include "agent/KVector.h"
 
+class ThreadInfo;
+
 // What the J2EE probes report: SQL statements with their text, requests with their URI,
 // request dispatching and JNDI lookups, each counted and timed per thread and call path in the
 // j2ee table while CPU_J2EE_BIT is set.
@@ -24,6 +26,12 @@ void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind);
 // Closes the innermost open J2EE call of the current thread and adds its time. Nothing happens
 // without an open call. Caller holds ourLock and has seen CPU_J2EE_BIT set.
 void kjpJ2EEExitImpl(JNIEnv* env);
+
+// Drops, from the top of the thread's J2EE stacks and without time, the open calls whose frames
+// are not on the path from 'currentFrame' to the root: an exception unwound them. Exception
+// catches do it; without exception events (disableexceptions) J2EE entries and exits do it.
+// Caller holds ourLock.
+void dropUnwoundJ2EECalls(ThreadInfo* info, jint currentFrame);
 
 // request.getRequestURI(), or null when the request is null, has no such method or the call
 // throws; the exception is cleared, the application never sees it. Runs the application's code,

@@ -41,22 +41,7 @@ void trimUnwoundJ2EECalls(JNIEnv* env, ThreadInfo* info) {
   // are refilled for the stack as it now is.
   jint currentFrameIndex = currentJ2EEFrame(env, &info->myFilteredCallsStack);
   KASSERT(currentFrameIndex != -1);
-
-  while (!records.isEmpty()) {
-    J2EERecord* record = records.pop();
-    bool onStack = false;
-    for (jint frame = currentFrameIndex; frame != 0; frame = ourFrameStorage.getParent(frame)) {
-      if (frame == record->myFrame) {
-        onStack = true;
-        break;
-      }
-    }
-    if (onStack) {
-      records.push(record);
-      break;
-    }
-    times.pop();
-  }
+  dropUnwoundJ2EECalls(info, currentFrameIndex);
 }
 
 void JNICALL exception_catch(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocation, jobject) {

@@ -4,6 +4,8 @@
 
 #include "CPUTestSupport.h"
 #include "agent/EngineEvents.h"
+#include "agent/Options.h"
+#include "engines/J2EECalls.h"
 #include "engines/J2EERecording.h"
 #include "instrument/J2EEHelper.h"
 
@@ -268,6 +270,50 @@ TEST_F(J2EECatchTest, OnlyJ2EEProfilingTrimsAndTracingGetsItsFilterBitsRefilled)
   // A thread without state is left alone.
   runOn(nullptr);
   caught();
+}
+
+TEST_F(J2EECatchTest, WithoutExceptionEventsEntriesAndExitsDropTheCallsAnExceptionUnwound) {
+  bool savedDisable = ourOptions.myDisableExceptions;
+  ourOptions.myDisableExceptions = true;
+  jint serve = frameOf({myRun, myServe});
+  jint execute = frameOf({myRun, myServe, myQuery, myExecute});
+  jint query = frameOf({myRun, myServe, myQuery});
+  jint direct = frameOf({myRun, myServe, myExecute});
+  // Inside service, execute threw and service caught it: no catch event trimmed the stacks.
+  open({serve, execute});
+  myThread->getCPUProfilingRecord(serve, true)->time = 500;
+  myThread->getCPUProfilingRecord(execute, true)->time = 900;
+  // service runs a statement of its own: execute's record is dropped at its entry.
+  myFake.currentStack = {myExecute, myServe, myRun};
+  kjpJ2EEEntryImpl(&myEnv, 0, 1);
+  ASSERT_EQ(2, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(&myRecords[0], myThread->myJ2EERecordsStack.get(0));
+  EXPECT_EQ(direct, myThread->myJ2EERecordsStack.get(1)->myFrame);
+  kjpJ2EEExitImpl(&myEnv);
+  ASSERT_EQ(1, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(0, myRecords[1].myTimeNs);
+
+  // execute throws again and service's own exit comes next: the exit drops it, closes
+  // service's call with service's time, and leaves execute without time.
+  myThread->myJ2EERecordsStack.clear();
+  myThread->myJ2EETimesStack.clear();
+  open({serve, execute});
+  myFake.currentStack = {myServe, myRun};
+  kjpJ2EEExitImpl(&myEnv);
+  EXPECT_EQ(0, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(0, myThread->myJ2EETimesStack.size());
+  EXPECT_EQ(400, myRecords[0].myTimeNs);
+  EXPECT_EQ(0, myRecords[1].myTimeNs);
+
+  // With exception events the catch does it, and exits trust the stack.
+  ourOptions.myDisableExceptions = false;
+  myThread->myJ2EERecordsStack.clear();
+  myThread->myJ2EETimesStack.clear();
+  open({serve, query});
+  myFake.currentStack = {myServe, myRun};
+  kjpJ2EEExitImpl(&myEnv);
+  EXPECT_EQ(1, myThread->myJ2EERecordsStack.size());
+  ourOptions.myDisableExceptions = savedDisable;
 }
 
 TEST_F(J2EECatchTest, RecordAndTimeStacksOfDifferentSizesAreRefused) {
