@@ -1,6 +1,7 @@
 package com.kestrix.programs.j2ee;
 
 import java.io.IOException;
+import java.sql.SQLException;
 import java.util.Hashtable;
 import java.util.concurrent.atomic.AtomicInteger;
 import javax.naming.NamingException;
@@ -20,16 +21,77 @@ import org.eclipse.jetty.servlet.ServletHolder;
  * input ends.
  */
 public final class JettyServer {
-    /** The servlet of every URI; a forwarded or included request writes the fragment. */
-    static final class AppServlet extends HttpServlet {
+    /**
+     * /a: a JNDI lookup, the prepared statement, and an include of /part. It overrides the
+     * service method, which gives its requests a call path of their own: the requests of servlets
+     * that only override doGet share HttpServlet's, and what they do cannot be told apart.
+     */
+    static final class ItemServlet extends HttpServlet {
         private static final long serialVersionUID = 1L;
         private final transient Workload myWorkload;
         private final Hashtable<String, String> myJndi;
         private final AtomicInteger myNext = new AtomicInteger();
 
-        AppServlet(Workload workload, Hashtable<String, String> jndi) {
+        ItemServlet(Workload workload, Hashtable<String, String> jndi) {
             myWorkload = workload;
             myJndi = jndi;
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            super.service(request, response);
+        }
+
+        @Override
+        protected void doGet(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            response.setContentType("text/plain");
+            try {
+                Workload.lookup(myJndi, Workload.GREETING);
+                response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+            } catch (SQLException | NamingException e) {
+                throw new ServletException(e);
+            }
+            request.getRequestDispatcher("/part").include(request, response);
+        }
+    }
+
+    /** /b: the plain statement, then a forward to /view; a call path of its own as /a has. */
+    static final class CountServlet extends HttpServlet {
+        private static final long serialVersionUID = 1L;
+        private final transient Workload myWorkload;
+
+        CountServlet(Workload workload) {
+            myWorkload = workload;
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            super.service(request, response);
+        }
+
+        @Override
+        protected void doGet(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            try {
+                request.setAttribute("count", myWorkload.count());
+            } catch (SQLException e) {
+                throw new ServletException(e);
+            }
+            request.getServletContext().getRequestDispatcher("/view").forward(request, response);
+        }
+    }
+
+    /** /q runs the prepared statement alone, /fail throws; /part and /view are the fragments. */
+    static final class PlainServlet extends HttpServlet {
+        private static final long serialVersionUID = 1L;
+        private final transient Workload myWorkload;
+        private final AtomicInteger myNext = new AtomicInteger();
+
+        PlainServlet(Workload workload) {
+            myWorkload = workload;
         }
 
         @Override
@@ -38,30 +100,14 @@ public final class JettyServer {
             response.setContentType("text/plain");
             if (request.getDispatcherType() != DispatcherType.REQUEST) {
                 response.getWriter().println("part of " + request.getRequestURI());
-                return;
-            }
-            try {
-                switch (request.getServletPath()) {
-                    case "/a":
-                        Workload.lookup(myJndi, Workload.GREETING);
-                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
-                        request.getRequestDispatcher("/part").include(request, response);
-                        break;
-                    case "/b":
-                        long n = myWorkload.count();
-                        request.setAttribute("count", n);
-                        request.getServletContext().getRequestDispatcher("/view").forward(request, response);
-                        break;
-                    case "/q":
-                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
-                        break;
-                    case "/fail":
-                        throw new ServletException("failing on purpose");
-                    default:
-                        response.sendError(404);
+            } else if (request.getServletPath().equals("/fail")) {
+                throw new ServletException("failing on purpose");
+            } else {
+                try {
+                    response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+                } catch (SQLException e) {
+                    throw new ServletException(e);
                 }
-            } catch (java.sql.SQLException | NamingException e) {
-                throw new ServletException(e);
             }
         }
     }
@@ -76,9 +122,11 @@ public final class JettyServer {
         server.addConnector(connector);
         ServletContextHandler context = new ServletContextHandler();
         context.setContextPath("/");
-        ServletHolder holder = new ServletHolder(new AppServlet(workload, jndi));
-        for (String uri : new String[] {"/a", "/b", "/q", "/fail", "/part", "/view"}) {
-            context.addServlet(holder, uri);
+        context.addServlet(new ServletHolder(new ItemServlet(workload, jndi)), "/a");
+        context.addServlet(new ServletHolder(new CountServlet(workload)), "/b");
+        ServletHolder plain = new ServletHolder(new PlainServlet(workload));
+        for (String uri : new String[] {"/q", "/fail", "/part", "/view"}) {
+            context.addServlet(plain, uri);
         }
         server.setHandler(context);
         server.start();

@@ -6,6 +6,7 @@ import jakarta.servlet.http.HttpServlet;
 import jakarta.servlet.http.HttpServletRequest;
 import jakarta.servlet.http.HttpServletResponse;
 import java.io.IOException;
+import java.sql.SQLException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Comparator;
@@ -27,13 +28,74 @@ import org.apache.tomcat.util.descriptor.web.ContextEnvironment;
 public final class TomcatServer {
     static final String GREETING_NAME = "java:comp/env/" + Workload.GREETING;
 
-    /** The servlet of every URI; a forwarded or included request writes the fragment. */
-    static final class AppServlet extends HttpServlet {
+    /**
+     * /a: a JNDI lookup, the prepared statement, and an include of /part. It overrides the
+     * service method, which gives its requests a call path of their own: the requests of servlets
+     * that only override doGet share HttpServlet's, and what they do cannot be told apart.
+     */
+    static final class ItemServlet extends HttpServlet {
         private static final long serialVersionUID = 1L;
         private final transient Workload myWorkload;
         private final AtomicInteger myNext = new AtomicInteger();
 
-        AppServlet(Workload workload) {
+        ItemServlet(Workload workload) {
+            myWorkload = workload;
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            super.service(request, response);
+        }
+
+        @Override
+        protected void doGet(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            response.setContentType("text/plain");
+            try {
+                Workload.lookup(null, GREETING_NAME);
+                response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+            } catch (SQLException | NamingException e) {
+                throw new ServletException(e);
+            }
+            request.getRequestDispatcher("/part").include(request, response);
+        }
+    }
+
+    /** /b: the plain statement, then a forward to /view; a call path of its own as /a has. */
+    static final class CountServlet extends HttpServlet {
+        private static final long serialVersionUID = 1L;
+        private final transient Workload myWorkload;
+
+        CountServlet(Workload workload) {
+            myWorkload = workload;
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            super.service(request, response);
+        }
+
+        @Override
+        protected void doGet(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            try {
+                request.setAttribute("count", myWorkload.count());
+            } catch (SQLException e) {
+                throw new ServletException(e);
+            }
+            request.getServletContext().getRequestDispatcher("/view").forward(request, response);
+        }
+    }
+
+    /** /q runs the prepared statement alone, /fail throws; /part and /view are the fragments. */
+    static final class PlainServlet extends HttpServlet {
+        private static final long serialVersionUID = 1L;
+        private final transient Workload myWorkload;
+        private final AtomicInteger myNext = new AtomicInteger();
+
+        PlainServlet(Workload workload) {
             myWorkload = workload;
         }
 
@@ -43,30 +105,14 @@ public final class TomcatServer {
             response.setContentType("text/plain");
             if (request.getDispatcherType() != DispatcherType.REQUEST) {
                 response.getWriter().println("part of " + request.getRequestURI());
-                return;
-            }
-            try {
-                switch (request.getServletPath()) {
-                    case "/a":
-                        Workload.lookup(null, GREETING_NAME);
-                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
-                        request.getRequestDispatcher("/part").include(request, response);
-                        break;
-                    case "/b":
-                        long n = myWorkload.count();
-                        request.setAttribute("count", n);
-                        request.getServletContext().getRequestDispatcher("/view").forward(request, response);
-                        break;
-                    case "/q":
-                        response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
-                        break;
-                    case "/fail":
-                        throw new ServletException("failing on purpose");
-                    default:
-                        response.sendError(404);
+            } else if (request.getServletPath().equals("/fail")) {
+                throw new ServletException("failing on purpose");
+            } else {
+                try {
+                    response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
+                } catch (SQLException e) {
+                    throw new ServletException(e);
                 }
-            } catch (java.sql.SQLException | NamingException e) {
-                throw new ServletException(e);
             }
         }
     }
@@ -98,9 +144,11 @@ public final class TomcatServer {
         greeting.setType("java.lang.String");
         greeting.setValue("hello");
         context.getNamingResources().addEnvironment(greeting);
-        Wrapper servlet = Tomcat.addServlet(context, "app", new AppServlet(workload));
-        for (String uri : new String[] {"/a", "/b", "/q", "/fail", "/part", "/view"}) {
-            servlet.addMapping(uri);
+        Tomcat.addServlet(context, "item", new ItemServlet(workload)).addMapping("/a");
+        Tomcat.addServlet(context, "count", new CountServlet(workload)).addMapping("/b");
+        Wrapper plain = Tomcat.addServlet(context, "plain", new PlainServlet(workload));
+        for (String uri : new String[] {"/q", "/fail", "/part", "/view"}) {
+            plain.addMapping(uri);
         }
         tomcat.start();
         try {

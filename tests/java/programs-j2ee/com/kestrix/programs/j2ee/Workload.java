@@ -42,9 +42,7 @@ public final class Workload {
         myConnection = DriverManager.getConnection("jdbc:h2:mem:web;DB_CLOSE_DELAY=-1");
         try (Statement s = myConnection.createStatement()) {
             s.execute("CREATE TABLE item (id INT PRIMARY KEY, name VARCHAR(40))");
-            for (int i = 0; i < 100; i++) {
-                s.execute("INSERT INTO item VALUES (" + i + ", 'item " + i + "')");
-            }
+            s.execute("INSERT INTO item SELECT X, 'item ' || X FROM SYSTEM_RANGE(0, 99)");
         }
     }
 
