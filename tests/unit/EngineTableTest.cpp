@@ -96,6 +96,15 @@ TEST(EngineTableTest, EveryNativeOfCoreAndCallbackIsRegisteredOnceWithItsSignatu
       {"kjpMethodExit0", "(SS)V"},
       {"kjpParkEntry0", "(Ljava/lang/Object;)V"},
       {"kjpParkExit0", "(Ljava/lang/Object;)V"},
+      {"kjpIsJ2EEClass", "(Ljava/lang/Object;)Z"},
+      {"kjpSQLEntry1", "(Ljava/lang/Object;S)V"},
+      {"kjpSQLEntry2", "(Ljava/lang/Object;S)V"},
+      {"kjpSQLEntry3", "(Ljava/lang/Object;S)V"},
+      {"kjpSQLExit1", "(Ljava/lang/Object;Ljava/lang/Object;S)V"},
+      {"kjpSQLExit2", "(Ljava/lang/Object;S)V"},
+      {"kjpSQLExit3", "(Ljava/lang/Object;S)V"},
+      {"kjpServletEntry", "(Ljava/lang/Object;S)V"},
+      {"kjpServletExit", "(Ljava/lang/Object;S)V"},
   };
   EXPECT_EQ(expectedCallback, callback);
 }
