@@ -13,6 +13,7 @@ final class SyntheticSnapshot implements AutoCloseable {
     private int myNextMonitor = 1;
     private int myNextException = 1;
     private int myNextProperty = 1;
+    private int myNextJ2EE = 1;
 
     SyntheticSnapshot() {
         Natives.load();
@@ -70,6 +71,18 @@ final class SyntheticSnapshot implements AutoCloseable {
         Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_EXCEPTION_CLASS_NAME_STR_ID, row, string(className));
         Natives.dbNsetLongFieldImpl(myDb, Natives.FIELD_EXCEPTION_COUNT, row, count);
         stamp(Natives.TABLE_EXCEPTION, row);
+    }
+
+    /** A J2EE event row: 'text' is the SQL, URI or JNDI name, 'kind' the J2EE method type. */
+    void j2ee(int thread, int frame, String text, int kind, long timeNs, long count) {
+        int row = myNextJ2EE++;
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_J2EE_THREAD, row, thread);
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_J2EE_FRAME, row, frame);
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_J2EE_STR_ID, row, string(text));
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_J2EE_KIND, row, kind);
+        Natives.dbNsetLongFieldImpl(myDb, Natives.FIELD_J2EE_TIME_NS, row, timeNs);
+        Natives.dbNsetLongFieldImpl(myDb, Natives.FIELD_J2EE_COUNT, row, count);
+        stamp(Natives.TABLE_J2EE, row);
     }
 
     /** A property holding a plain number, as the agent stores the length of monitor recording. */
