@@ -1,5 +1,7 @@
 package com.kestrix.programs;
 
+import java.lang.reflect.InvocationTargetException;
+import java.lang.reflect.Proxy;
 import java.sql.Connection;
 import java.sql.DriverManager;
 import java.sql.PreparedStatement;
@@ -18,6 +20,8 @@ public final class JdbcStatements {
     static final String PLAIN = "SELECT COUNT(*) FROM item";
     static final String FAILING = "SELECT * FROM no_such_table";
     static final String AFTER_FAILURE = "SELECT MAX(id) FROM item";
+    static final String REFUSED_IN_WRAPPER = "SELECT no_such_column FROM item";
+    static final String FALLBACK = "SELECT MIN(id) FROM item";
 
     private JdbcStatements() {
     }
@@ -29,7 +33,7 @@ public final class JdbcStatements {
             createTable(connection);
             long sum = runPrepared(connection, prepared) + runPlain(connection, plain);
             String failure = runFailing(connection);
-            sum += runAfterFailure(connection);
+            sum += runAfterFailure(connection) + runThroughWrapper(connection);
             System.out.println("sum " + sum + ", failure " + failure);
         }
     }
@@ -92,5 +96,33 @@ public final class JdbcStatements {
             result.next();
             return result.getLong(1);
         }
+    }
+
+    /**
+     * Through a wrapper, as connection pools hand out statements: the wrapper catches the
+     * driver's SQLException for a refused query inside its own executeQuery and runs a fallback
+     * query in its place, at the same driver method.
+     */
+    static long runThroughWrapper(Connection connection) throws SQLException {
+        try (Statement real = connection.createStatement()) {
+            try (ResultSet result = withFallback(real).executeQuery(REFUSED_IN_WRAPPER)) {
+                result.next();
+                return result.getLong(1);
+            }
+        }
+    }
+
+    static Statement withFallback(Statement real) {
+        return (Statement) Proxy.newProxyInstance(JdbcStatements.class.getClassLoader(), new Class<?>[] {Statement.class},
+                (proxy, method, args) -> {
+                    try {
+                        return method.invoke(real, args);
+                    } catch (InvocationTargetException e) {
+                        if (method.getName().equals("executeQuery") && e.getCause() instanceof SQLException) {
+                            return real.executeQuery(FALLBACK);
+                        }
+                        throw e.getCause();
+                    }
+                });
     }
 }

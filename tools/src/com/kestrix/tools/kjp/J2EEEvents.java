@@ -74,16 +74,30 @@ final class J2EEEvents {
             + " while CPU profiling runs with J2EE on (-agentlib:kjpagent=sampling or =tracing, without noj2ee or"
             + " disablej2ee)";
 
+    /** The names of the methods that carry J2EE probes, whatever their class. */
+    private static final Set<String> PROBED_NAMES = Set.of("close", "commit", "createStatement", "prepareCall",
+            "prepareStatement", "rollback", "execute", "executeBatch", "executeQuery", "executeUpdate", "connect",
+            "service", "_jspService", "forward", "include", "getRequestDispatcher", "getNamedDispatcher", "list",
+            "lookup", "bind", "listBindings", "lookupLink", "rebind", "unbind", "rename", "composeName",
+            "createSubcontext", "destroySubcontext", "getNameParser", "search", "getAttributes", "getSchema",
+            "getSchemaClassDefinition", "modifyAttributes");
+
     /**
      * The events that 'kind' selects, less those made inside another of them: a pool's statement
      * that calls the driver's, or a prepareStatement that calls its own overloads, is one call of
-     * the application. A row is inner when a frame above its own is the frame of a selected row.
+     * the application. A row is inner when a frame above its own is the frame of a selected row
+     * that ends in a probed method. Tracing folds calls of filtered classes (a JDK proxy, the
+     * JDK's InitialContext) into their callers, and such a row's frame ends in the caller: the
+     * caller's other calls are not inside it.
      */
     static List<Event> outermost(Profile profile, List<Event> events, Predicate<Event> kind) {
         Set<Integer> frames = new HashSet<>();
         for (Event e : events) {
-            if (kind.test(e)) {
-                frames.add(e.frame());
+            if (kind.test(e) && !frames.contains(e.frame())) {
+                List<Integer> methods = profile.methodsLeafFirst(e.frame());
+                if (!methods.isEmpty() && PROBED_NAMES.contains(simpleName(profile.methodName(methods.get(0))))) {
+                    frames.add(e.frame());
+                }
             }
         }
         List<Event> outer = new ArrayList<>();
@@ -101,6 +115,13 @@ final class J2EEEvents {
             }
         }
         return outer;
+    }
+
+    /** "prepareStatement" of "org.h2.jdbc.JdbcConnection.prepareStatement(String)". */
+    static String simpleName(String method) {
+        int paren = method.indexOf('(');
+        String name = paren < 0 ? method : method.substring(0, paren);
+        return name.substring(name.lastIndexOf('.') + 1);
     }
 
     /** Whether 'ancestor' is 'frame' or lies on its path to the root. */

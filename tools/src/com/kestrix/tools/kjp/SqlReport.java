@@ -108,7 +108,7 @@ final class SqlReport {
                 for (int method : profile.methodsLeafFirst(f.getKey())) {
                     names.add(profile.methodName(method));
                 }
-                pathLines.add(new PathLine(names, isPrepare(e, simpleName(names.isEmpty() ? "" : names.get(0))),
+                pathLines.add(new PathLine(names, isPrepare(e, names.isEmpty() ? "" : names.get(0)),
                         f.getValue()[0], f.getValue()[1]));
             }
             pathLines.sort(Comparator.comparing(PathLine::prepare).thenComparing(
@@ -133,15 +133,8 @@ final class SqlReport {
         return methods.isEmpty() ? "" : myProfile.methodName(methods.get(0));
     }
 
-    /** "prepareStatement" of "org.h2.jdbc.JdbcConnection.prepareStatement(String)". */
-    private static String simpleName(String method) {
-        int paren = method.indexOf('(');
-        String name = paren < 0 ? method : method.substring(0, paren);
-        return name.substring(name.lastIndexOf('.') + 1);
-    }
-
     private static boolean isPrepare(J2EEEvents.Event e, String leafMethod) {
-        String name = simpleName(leafMethod);
+        String name = J2EEEvents.simpleName(leafMethod);
         return e.kind() == J2EEEvents.KIND_JDBC && !e.text().isEmpty()
                 && (name.equals("prepareStatement") || name.equals("prepareCall"));
     }
