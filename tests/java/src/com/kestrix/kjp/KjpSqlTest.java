@@ -68,7 +68,7 @@ class KjpSqlTest {
                 "Session   Synthetic",
                 "Captured  <time>, JVM exit",
                 "Recorded  1,015 SQL statements (4 distinct), 503.0 ms in 2 threads; 1 prepare, 1 other JDBC call"
-                        + " (connects, and calls without SQL text: close, commit, executeBatch...)",
+                        + " (connects, and calls without SQL text)",
                 "Times     CPU data of the calling path, sampled: a statement shorter than the sampling interval often"
                         + " shows 0",
                 "",

@@ -86,8 +86,8 @@ final class J2EEEvents {
      * The events that 'kind' selects, less those made inside another of them: a pool's statement
      * that calls the driver's, or a prepareStatement that calls its own overloads, is one call of
      * the application. A row is inner when a frame above its own is the frame of a selected row
-     * that ends in a probed method. Tracing folds calls of filtered classes (a JDK proxy, the
-     * JDK's InitialContext) into their callers, and such a row's frame ends in the caller: the
+     * that ends in a probed method. Tracing folds calls of filtered classes (the JDK's
+     * InitialContext, say) into their callers, and such a row's frame ends in the caller: the
      * caller's other calls are not inside it.
      */
     static List<Event> outermost(Profile profile, List<Event> events, Predicate<Event> kind) {

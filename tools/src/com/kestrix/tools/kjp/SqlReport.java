@@ -158,7 +158,7 @@ final class SqlReport {
         return statements() + " in " + Listing.counted(myThreads, "thread", "threads") + "; "
                 + Listing.counted(myPrepares, "prepare", "prepares") + ", "
                 + Listing.counted(myOtherCalls, "other JDBC call", "other JDBC calls") + " (connects, and calls"
-                + " without SQL text: close, commit, executeBatch...)";
+                + " without SQL text)";
     }
 
     /** One line in place of the list when there is nothing to list. */
