@@ -1,6 +1,10 @@
 package com.kestrix.tools.kjp;
 
+import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
 
 /**
  * The call tree of one thread, or of several merged: a node per frame (call path) that carries
@@ -24,6 +28,8 @@ final class CallTree {
     long[] myOwn;
     private int[] myNodeByFrameKeys;
     private int[] myNodeByFrameValues;
+    /** Frames that no method makes (J2EE events), by their method number: -2, -3 and down. */
+    private final Map<Integer, String> myLabels = new HashMap<>();
 
     CallTree(String name, Profile.ThreadEntry thread) {
         myName = name;
@@ -77,6 +83,72 @@ final class CallTree {
         }
         putFrame(frame, node);
         return node;
+    }
+
+    /**
+     * A frame named 'label' between 'node' and its children, which move up onto it; 'total' is
+     * its time with theirs. Call {@link #preorder} when all are in: the new frames break the
+     * rule that parents come first.
+     */
+    int insertLabelled(int node, String label, long total) {
+        int method = -2 - myLabels.size();
+        myLabels.put(method, label);
+        int first = myFirstChild[node];
+        int inserted = addNode(method, method, node);
+        myFirstChild[inserted] = first;
+        myNextSibling[inserted] = -1;
+        myFirstChild[node] = inserted;
+        for (int child = first; child != -1; child = myNextSibling[child]) {
+            myParent[child] = inserted;
+        }
+        myTotal[inserted] = total;
+        return inserted;
+    }
+
+    /** The frame's name: its method's, or the label of an inserted frame. */
+    String name(Profile profile, int node, boolean compact) {
+        String label = myLabels.get(myMethod[node]);
+        if (label != null) {
+            return label;
+        }
+        return compact ? profile.compactMethodName(myMethod[node]) : profile.methodName(myMethod[node]);
+    }
+
+    /** Numbers the nodes again so that every parent comes before its children; own figures are dropped. */
+    void preorder() {
+        int[] order = new int[mySize];
+        int[] newIndex = new int[mySize];
+        int n = 0;
+        List<Integer> stack = new ArrayList<>();
+        stack.add(0);
+        while (!stack.isEmpty()) {
+            int node = stack.remove(stack.size() - 1);
+            newIndex[node] = n;
+            order[n++] = node;
+            for (int child = myFirstChild[node]; child != -1; child = myNextSibling[child]) {
+                stack.add(child);
+            }
+        }
+        int[] frame = myFrame.clone();
+        int[] method = myMethod.clone();
+        int[] parent = myParent.clone();
+        int[] firstChild = myFirstChild.clone();
+        int[] nextSibling = myNextSibling.clone();
+        long[] total = myTotal.clone();
+        long[] count = myCount.clone();
+        Arrays.fill(myNodeByFrameKeys, -1);
+        for (int i = 0; i < n; i++) {
+            int old = order[i];
+            myFrame[i] = frame[old];
+            myMethod[i] = method[old];
+            myParent[i] = parent[old] < 0 ? -1 : newIndex[parent[old]];
+            myFirstChild[i] = firstChild[old] < 0 ? -1 : newIndex[firstChild[old]];
+            myNextSibling[i] = nextSibling[old] < 0 ? -1 : newIndex[nextSibling[old]];
+            myTotal[i] = total[old];
+            myCount[i] = count[old];
+            insert(myFrame[i], i);
+        }
+        myOwn = null;
     }
 
     void computeOwnTimes() {

@@ -128,7 +128,7 @@ final class Collapsed {
                 if (path.length() > 0) {
                     path.append(';');
                 }
-                path.append(frameName(profile.compactMethodName(tree.myMethod[node])));
+                path.append(frameName(tree.name(profile, node, true)));
                 pathLength[node] = path.length();
                 depth[node] = depth[tree.myParent[node]] + 1;
                 long v = value(tree, value, node);
@@ -204,7 +204,7 @@ final class Collapsed {
         for (int child = tree.myFirstChild[node]; child != -1; child = tree.myNextSibling[child]) {
             children[n++] = child;
         }
-        Arrays.sort(children, Comparator.comparing((Integer c) -> profile.compactMethodName(tree.myMethod[c]))
+        Arrays.sort(children, Comparator.comparing((Integer c) -> tree.name(profile, c, true))
                 .thenComparingInt(c -> tree.myFrame[c]));
         return Arrays.stream(children).mapToInt(Integer::intValue).toArray();
     }

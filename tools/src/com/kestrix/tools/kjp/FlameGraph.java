@@ -17,6 +17,8 @@ final class FlameGraph {
     private static final int KIND_ROOT = 0;
     private static final int KIND_THREAD = 1;
     private static final int KIND_METHOD = 2;
+    /** A J2EE event's frame (kjp flame --j2ee). */
+    private static final int KIND_J2EE = 3;
 
     private final Profile myProfile;
     private final Collapsed.Value myValue;
@@ -137,8 +139,8 @@ final class FlameGraph {
                 continue;
             }
             long self = myValue.isAmount() ? tree.myOwn[node] : tree.myCount[node];
-            int page = addNode(entry[1], myProfile.methodName(tree.myMethod[node]), KIND_METHOD, self, w[node],
-                    tree.myCount[node]);
+            int page = addNode(entry[1], tree.name(myProfile, node, false),
+                    tree.myMethod[node] < -1 ? KIND_J2EE : KIND_METHOD, self, w[node], tree.myCount[node]);
             int[] children = Collapsed.childrenByName(myProfile, tree, node);
             for (int i = children.length - 1; i >= 0; i--) {
                 stack.add(new int[] {children[i], page});
@@ -262,6 +264,7 @@ final class FlameGraph {
                 var kind = raw[i * 6 + 2];
                 if (kind === 0) { return "hsl(0, 0%, 80%)"; }
                 if (kind === 1) { return "hsl(0, 0%, 88%)"; }
+                if (kind === 3) { return "hsl(275, 55%, 78%)"; }
                 var name = nameOf(i), dot = name.lastIndexOf(".", name.indexOf("(") < 0 ? name.length : name.indexOf("("));
                 var h = hash(dot > 0 ? name.substring(0, dot) : name), range = hues[origin(name)];
                 return "hsl(" + (range[0] + h % range[1]) + ", " + (45 + (h >> 8) % 30) + "%, " + (60 + (h >> 16) % 12) + "%)";

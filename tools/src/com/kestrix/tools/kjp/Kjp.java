@@ -45,6 +45,8 @@ public final class Kjp {
             "             by call path and by owner thread, with times and counts",
             "  exceptions exceptions counted: by class, by throwing path and by catching path (or uncaught)",
             "  sql        SQL statements by total time, count and mean, with the call paths that issued them",
+            "  requests   servlet requests by URI, total time, count and mean, with the SQL statements, dispatches",
+            "             and JNDI calls made inside them",
             "  connect    drive the agent of a running JVM: kjp connect HOST:PORT info|status|start-cpu|stop-cpu|",
             "             start-alloc|stop-alloc|start-monitors|stop-monitors|capture|fetch|threads|gc|mark|clear|",
             "             threshold|periodic|telemetry|stats ('kjp connect --help' tells more)",
@@ -53,11 +55,12 @@ public final class Kjp {
             "Options:",
             "  -o, --output FILE     write to FILE instead of standard output",
             "  --thread NAME         only threads of this name (may be given more than once)",
-            "  --format text|json    report, alloc, heap, locks, exceptions, sql: plain text (default) or JSON",
+            "  --format text|json    report, alloc, heap, locks, exceptions, sql, requests: plain text (default) or JSON",
             "  --top N               report, alloc: methods in each hot-spot table; heap: classes; locks,",
-            "                        exceptions: lines of each class and thread list; sql: statements (default 20)",
+            "                        exceptions: lines of each class and thread list; sql: statements; requests:",
+            "                        URIs (default 20)",
             "  --paths N             report, alloc, locks, exceptions: call paths to show; sql: paths of each",
-            "                        statement (default 10)",
+            "                        statement; requests: lines under each URI (default 10)",
             "  --path-depth N        report, sql: the deepest N frames of each path (default 12), with the number",
             "                        of frames left out; --paths 0 leaves the paths out",
             "  --by-thread           report, alloc: figures for each thread instead of all threads together",
@@ -71,6 +74,8 @@ public final class Kjp {
             "  --agent               also the agent's own threads (KJPAgent-...), left out by default",
             "  --value VALUE         flame, collapsed: time (own CPU time in nanoseconds, the default), count",
             "                        (invocations), alloc-bytes or alloc-count (recorded allocations)",
+            "  --j2ee                flame, collapsed: SQL statements, requests, dispatches and JNDI calls as frames",
+            "                        of their own, \"[SQL] SELECT ...\", between the probed method and its callees",
             "  --min-percent P       flame, collapsed: leave out frames narrower than P percent of the total",
             "                        (default 0.01); collapsed sums them into a \"[narrow frames]\" frame",
             "  --max-depth N         collapsed: fold frames deeper than N into one \"[deeper frames]\" frame (default 1024)",
@@ -107,6 +112,7 @@ public final class Kjp {
         String className;
         boolean retained;
         boolean save;
+        boolean j2ee;
         HeapAnalysis analysis;
         final Set<String> threads = new LinkedHashSet<>();
     }
@@ -272,6 +278,19 @@ public final class Kjp {
                     }
                     break;
                 }
+                case "requests": {
+                    RequestReport report = new RequestReport(profile, a.threads, a.top, a.paths);
+                    if (!report.myAnyEvents) {
+                        throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
+                    }
+                    if (a.format.equals("json")) {
+                        writer.write(report.renderJson());
+                        writer.write('\n');
+                    } else {
+                        report.writeText(zone, new PrintWriter(writer));
+                    }
+                    break;
+                }
                 case "exceptions": {
                     ExceptionReport report = new ExceptionReport(profile, a.threads, a.top, a.paths);
                     if (a.format.equals("json")) {
@@ -303,8 +322,12 @@ public final class Kjp {
     }
 
     private static List<CallTree> trees(Profile profile, Arguments a) throws SnapshotFormatException {
-        return a.value.isAllocation() ? profile.allocationTrees(a.merged, a.threads)
+        List<CallTree> trees = a.value.isAllocation() ? profile.allocationTrees(a.merged, a.threads)
                 : profile.callTrees(a.merged, a.threads);
+        if (a.j2ee) {
+            J2EEFrames.insert(profile, trees, a.threads, a.value);
+        }
+        return trees;
     }
 
     private static String valueName(Collapsed.Value value) {
@@ -393,6 +416,9 @@ public final class Kjp {
                 case "--save":
                     a.save = true;
                     break;
+                case "--j2ee":
+                    a.j2ee = true;
+                    break;
                 case "--value": {
                     String v = value(args, ++i, arg).toLowerCase(Locale.ROOT);
                     if (v.equals("time")) {
@@ -469,12 +495,19 @@ public final class Kjp {
             throw new UsageException("--by-thread belongs to report and alloc");
         }
         boolean lockOrException = a.command.equals("locks") || a.command.equals("exceptions")
-                || a.command.equals("sql");
+                || a.command.equals("sql") || a.command.equals("requests");
         if (!reportLike && !lockOrException && !a.command.equals("heap") && !a.format.equals("text")) {
-            throw new UsageException("--format belongs to report, alloc, heap, locks, exceptions, sql and list");
+            throw new UsageException("--format belongs to report, alloc, heap, locks, exceptions, sql, requests and"
+                    + " list");
         }
         if (!a.command.equals("heap") && a.className != null) {
             throw new UsageException("--class belongs to heap");
+        }
+        if (a.j2ee && !a.command.equals("flame") && !a.command.equals("collapsed")) {
+            throw new UsageException("--j2ee belongs to flame and collapsed");
+        }
+        if (a.j2ee && a.value.isAllocation()) {
+            throw new UsageException("--j2ee shows J2EE events on CPU data: give --value time or count");
         }
         if (!a.command.equals("collapsed") && a.maxDepth != Collapsed.DEFAULT_MAX_DEPTH) {
             throw new UsageException("--max-depth belongs to collapsed");
@@ -489,7 +522,7 @@ public final class Kjp {
         if (a.command == null) {
             if (!arg.equals("report") && !arg.equals("flame") && !arg.equals("collapsed") && !arg.equals("alloc")
                     && !arg.equals("heap") && !arg.equals("locks") && !arg.equals("exceptions")
-                    && !arg.equals("list") && !arg.equals("sql")) {
+                    && !arg.equals("list") && !arg.equals("sql") && !arg.equals("requests")) {
                 throw new UsageException("unknown command '" + arg + "'");
             }
             a.command = arg;
