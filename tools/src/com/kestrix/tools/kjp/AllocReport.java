@@ -1,9 +1,7 @@
 package com.kestrix.tools.kjp;
 
 import com.kestrix.tools.snapshot.SnapshotFormatException;
-import com.kestrix.tools.snapshot.SnapshotHeader;
 import java.io.PrintWriter;
-import java.time.Instant;
 import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.List;
@@ -63,12 +61,7 @@ final class AllocReport {
     }
 
     void writeText(ZoneId zone, PrintWriter out) {
-        SnapshotHeader h = myProfile.header();
-        out.println("Kestrix Java Profiler snapshot " + myProfile.snapshot().file());
-        out.println();
-        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
-        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
-                + ", " + h.cause());
+        Listing.snapshotHeader(myProfile, zone, out);
         out.println(Format.padRight("Recorded", 10) + Format.count(myObjects) + " objects, " + Format.count(myBytes)
                 + " bytes in " + myThreads + (myThreads == 1 ? " thread" : " threads"));
         for (Section section : mySections) {
@@ -101,11 +94,7 @@ final class AllocReport {
     }
 
     String renderJson() {
-        SnapshotHeader h = myProfile.header();
-        Json json = new Json().beginObject();
-        json.field("file", myProfile.snapshot().file().toString());
-        json.field("session", h.sessionName());
-        json.field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
+        Json json = Listing.snapshotJson(myProfile);
         json.field("objects", myObjects).field("bytes", myBytes).field("threads", myThreads);
         json.name("sections").beginArray();
         for (Section section : mySections) {

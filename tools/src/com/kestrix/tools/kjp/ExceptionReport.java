@@ -1,10 +1,8 @@
 package com.kestrix.tools.kjp;
 
-import com.kestrix.tools.snapshot.SnapshotHeader;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.io.PrintWriter;
-import java.time.Instant;
 import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.Comparator;
@@ -140,13 +138,8 @@ final class ExceptionReport {
             out.flush();
             return;
         }
-        SnapshotHeader h = myProfile.header();
         String scope = mySelected ? "selected threads" : "all threads";
-        out.println("Kestrix Java Profiler snapshot " + myProfile.snapshot().file());
-        out.println();
-        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
-        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
-                + ", " + h.cause());
+        Listing.snapshotHeader(myProfile, zone, out);
         out.println(Format.padRight("Recorded", 10) + totals() + ", in "
                 + Listing.counted(myThreads, "thread", "threads"));
         out.println();
@@ -183,11 +176,7 @@ final class ExceptionReport {
     }
 
     String renderJson() {
-        SnapshotHeader h = myProfile.header();
-        Json json = new Json().beginObject();
-        json.field("file", myProfile.snapshot().file().toString());
-        json.field("session", h.sessionName());
-        json.field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
+        Json json = Listing.snapshotJson(myProfile);
         json.field("thrown", myThrown).field("uncaught", myUncaught).field("classes", myClasses)
                 .field("threads", myThreads);
         json.name("byClass").beginArray();

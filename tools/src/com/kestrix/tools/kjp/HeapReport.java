@@ -3,11 +3,9 @@ package com.kestrix.tools.kjp;
 import com.kestrix.tools.snapshot.HeapDump;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotFormatException;
-import com.kestrix.tools.snapshot.SnapshotHeader;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.io.PrintWriter;
-import java.time.Instant;
 import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.Comparator;
@@ -168,12 +166,7 @@ final class HeapReport {
     }
 
     void writeText(ZoneId zone, PrintWriter out) {
-        SnapshotHeader h = myProfile.header();
-        out.println("Kestrix Java Profiler snapshot " + myProfile.snapshot().file());
-        out.println();
-        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
-        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
-                + ", " + h.cause());
+        Listing.snapshotHeader(myProfile, zone, out);
         out.println(Format.padRight("Heap", 10) + Format.count(myObjects) + " objects, " + Format.count(myBytes)
                 + " bytes, " + Format.count(myClassCount) + " classes");
         List<String> roots = new ArrayList<>();
@@ -235,11 +228,7 @@ final class HeapReport {
     }
 
     String renderJson() {
-        SnapshotHeader h = myProfile.header();
-        Json json = new Json().beginObject();
-        json.field("file", myProfile.snapshot().file().toString());
-        json.field("session", h.sessionName());
-        json.field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
+        Json json = Listing.snapshotJson(myProfile);
         json.field("objects", myObjects).field("bytes", myBytes).field("classes", myClassCount);
         json.name("gcRoots").beginObject().field("total", myRootCount);
         for (Map.Entry<String, Long> e : myRootsByKind.entrySet()) {

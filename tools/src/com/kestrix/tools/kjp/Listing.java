@@ -9,8 +9,9 @@ import java.util.List;
 import java.util.Locale;
 
 /**
- * Text tables for the lock and exception views: figures right-aligned in columns as wide as
- * their widest cell, a name last, and call paths continued below their first method with "<-".
+ * What the views of a snapshot share: the lines they open with, and text tables with figures
+ * right-aligned in columns as wide as their widest cell, a name last, and call paths continued
+ * below their first method with "<-".
  */
 final class Listing {
     private final List<String[]> myRows = new ArrayList<>();

@@ -1,10 +1,8 @@
 package com.kestrix.tools.kjp;
 
-import com.kestrix.tools.snapshot.SnapshotHeader;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.io.PrintWriter;
-import java.time.Instant;
 import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.Comparator;
@@ -277,12 +275,7 @@ final class LockReport {
             out.flush();
             return;
         }
-        SnapshotHeader h = myProfile.header();
-        out.println("Kestrix Java Profiler snapshot " + myProfile.snapshot().file());
-        out.println();
-        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
-        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
-                + ", " + h.cause());
+        Listing.snapshotHeader(myProfile, zone, out);
         out.println(Format.padRight("Recorded", 10) + totalsInRecording());
         String scope = mySelected ? "selected threads" : "all threads";
         for (Section section : mySections) {
@@ -314,11 +307,7 @@ final class LockReport {
     }
 
     String renderJson() {
-        SnapshotHeader h = myProfile.header();
-        Json json = new Json().beginObject();
-        json.field("file", myProfile.snapshot().file().toString());
-        json.field("session", h.sessionName());
-        json.field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
+        Json json = Listing.snapshotJson(myProfile);
         json.name("recordingDurationNs");
         if (myDurationNs == null) {
             json.value((String) null);

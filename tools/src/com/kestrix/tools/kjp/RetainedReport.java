@@ -1,9 +1,7 @@
 package com.kestrix.tools.kjp;
 
 import com.kestrix.tools.snapshot.HeapDump;
-import com.kestrix.tools.snapshot.SnapshotHeader;
 import java.io.PrintWriter;
-import java.time.Instant;
 import java.time.ZoneId;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -330,12 +328,7 @@ final class RetainedReport {
     }
 
     void writeText(ZoneId zone, PrintWriter out) {
-        SnapshotHeader h = myProfile.header();
-        out.println("Kestrix Java Profiler snapshot " + myProfile.snapshot().file());
-        out.println();
-        out.println(Format.padRight("Session", 10) + (h.sessionName().isEmpty() ? "(unnamed)" : h.sessionName()));
-        out.println(Format.padRight("Captured", 10) + Format.dateTime(Instant.ofEpochMilli(h.captureTimeMillis()), zone)
-                + ", " + h.cause());
+        Listing.snapshotHeader(myProfile, zone, out);
         out.println(Format.padRight("Heap", 10) + Format.count(myObjects) + " objects, " + Format.count(myBytes)
                 + " bytes; reachable from GC roots " + Format.count(myReachableObjects) + " objects, "
                 + Format.count(myReachableBytes) + " bytes");
@@ -392,11 +385,7 @@ final class RetainedReport {
     }
 
     String renderJson() {
-        SnapshotHeader h = myProfile.header();
-        Json json = new Json().beginObject();
-        json.field("file", myProfile.snapshot().file().toString());
-        json.field("session", h.sessionName());
-        json.field("captureTime", Instant.ofEpochMilli(h.captureTimeMillis()).toString());
+        Json json = Listing.snapshotJson(myProfile);
         json.field("objects", myObjects).field("bytes", myBytes);
         json.field("reachableObjects", myReachableObjects).field("reachableBytes", myReachableBytes);
         json.name("fromIndex").value(myAnalysis.myFromIndex);
