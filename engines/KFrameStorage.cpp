@@ -77,6 +77,11 @@ jint KFrameStorage::fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<
     if ((flags & (MF_HIDDEN | MF_NOT_INSTRUMENTED)) != 0) {
       continue;
     }
+    // The traced path steps over a hidden class's frame, which got no probes; a sampled path,
+    // and those of the engines that take the sampler's view, keep it.
+    if (filteredCalls != nullptr && (flags & MF_HIDDEN_CLASS) != 0) {
+      continue;
+    }
     if (filteredCalls != nullptr) {
       bool filtered = (flags & MF_FILTERED) != 0;
       filteredCalls->push(filtered);

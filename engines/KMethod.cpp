@@ -77,15 +77,15 @@ jint getMethodByID(JNIEnv* env, jmethodID methodID) {
   KASSERT(classSignature);
   // The class-load hook never sees a hidden class (a lambda's, a method handle's), so its
   // methods carry no probes: tracing steps over them, and a walk of the stack that should give
-  // the traced path (a J2EE call's) must too.
+  // the traced path (a J2EE call's while tracing) must too.
   jboolean modifiable = JNI_TRUE;
   bool hidden = ourJVMTI->IsModifiableClass(aClass, &modifiable) == JVMTI_ERROR_NONE && !modifiable;
   env->DeleteLocalRef(aClass);
   jint methodIndex = getMethodByName(classSignature, methodName, methodSignature);
   if (hidden) {
     MethodRecord* record = ourDB->myMethodTable->getRecord(methodIndex, true);
-    if ((record->myFlags & MF_NOT_INSTRUMENTED) == 0) {
-      record->myFlags |= MF_NOT_INSTRUMENTED;
+    if ((record->myFlags & MF_HIDDEN_CLASS) == 0) {
+      record->myFlags |= MF_HIDDEN_CLASS;
       record->myModificationStamp = ourDB->myModificationStamp;
     }
   }

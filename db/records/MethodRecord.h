@@ -12,6 +12,9 @@ const jint MF_WALL_TIME = 4;
 const jint MF_NOT_INSTRUMENTED = 8;
 const jint MF_J2EE = 16;
 const jint MF_WAIT = 32;
+// Of a hidden class (a lambda's, a method handle's), which the class-load hook never sees: it
+// never carries probes, so tracing steps over it, but samples see it.
+const jint MF_HIDDEN_CLASS = 64;
 
 // A method, named by three pooled strings; the row index is the method index fixed in the
 // instrumented bytecode.

@@ -66,6 +66,10 @@ jvmtiInterface_1_ makeJVMTI() {
     EXPECT_EQ(nullptr, generic);
     return JVMTI_ERROR_NONE;
   };
+  t.IsModifiableClass = [](jvmtiEnv*, jclass klass, jboolean* modifiable) -> jvmtiError {
+    *modifiable = FakeCPUVM::of(reinterpret_cast<jmethodID>(klass))->hidden ? JNI_FALSE : JNI_TRUE;
+    return JVMTI_ERROR_NONE;
+  };
   t.GetLocalVariableTable = [](jvmtiEnv*, jmethodID m, jint* count, jvmtiLocalVariableEntry** table) -> jvmtiError {
     const std::vector<std::string>& names = FakeCPUVM::of(m)->locals;
     if (names.empty()) {

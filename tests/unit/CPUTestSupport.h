@@ -28,6 +28,8 @@ struct FakeCPUVM {
     std::string signature;
     bool isNative;
     std::vector<std::string> locals;
+    // Of a hidden class (a lambda's), which JVMTI calls not modifiable.
+    bool hidden = false;
   };
   struct Stack {
     jthread thread;

@@ -87,6 +87,31 @@ TEST_F(KFrameStorageTest, StackWalkSkipsHiddenAndNativeAndCollapsesFilteredRuns)
   EXPECT_EQ(0, bits.size());
 }
 
+TEST_F(KFrameStorageTest, TheTracedWalkStepsOverMethodsOfHiddenClasses) {
+  // A servlet container calls the servlet through a lambda: tracing never enters the lambda's
+  // method, so the walk that gives a J2EE call its traced path must leave it out as well;
+  // samples see the lambda, and so does the walk without the bit stack.
+  jmethodID main = myFake.method("Lapp/Main;", "main");
+  jmethodID lambda = myFake.method("Lapp/Main$$Lambda$14.0x0000000800c02460;", "run");
+  myFake.methods.back().hidden = true;
+  jmethodID service = myFake.method("Lapp/Servlet;", "service");
+  myFake.currentStack = {service, lambda, main};
+  KVector<bool> bits(4);
+  jint traced = ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, false, &bits);
+  EXPECT_EQ((std::vector<jint>{indexOf(main), indexOf(service)}), pathOf(traced));
+  EXPECT_EQ(MF_HIDDEN_CLASS, flagsOf(indexOf(lambda)));
+  EXPECT_EQ(0, flagsOf(indexOf(service)));
+  EXPECT_EQ((std::vector<jint>{indexOf(main), indexOf(lambda), indexOf(service)}),
+            pathOf(ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, false, nullptr)));
+  // A captured stack keeps every frame, the lambda's too.
+  jvmtiFrameInfo frames[3] = {{service, 0}, {lambda, 0}, {main, 0}};
+  jvmtiStackInfo info = {};
+  info.frame_buffer = frames;
+  info.frame_count = 3;
+  EXPECT_EQ((std::vector<jint>{indexOf(main), indexOf(lambda), indexOf(service)}),
+            pathOf(ourFrameStorage.fillCurrentFrameJVMTIFromStackInfo(&myEnv, info, nullptr)));
+}
+
 TEST_F(KFrameStorageTest, DeepStacksKeepTheTopmostFramesOnly) {
   jmethodID recursive = myFake.method("Lapp/R;", "down");
   jmethodID top = myFake.method("Lapp/R;", "top");
