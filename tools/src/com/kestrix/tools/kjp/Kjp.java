@@ -283,6 +283,9 @@ public final class Kjp {
                     if (!report.myAnyEvents) {
                         throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
                     }
+                    if (!report.myAnyRequests) {
+                        throw new SnapshotFormatException(RequestReport.NO_REQUESTS);
+                    }
                     if (a.format.equals("json")) {
                         writer.write(report.renderJson());
                         writer.write('\n');

@@ -18,6 +18,11 @@ import java.util.function.Predicate;
  * its service method ran (the request's frame lies on the event's path). A container runs a
  * forwarded or included servlet inside the first one; those inner requests belong to the URI the
  * client asked for and are not counted again.
+ *
+ * The agent books a request at the call path of its service method, and the requests of
+ * servlets that don't override it all run through HttpServlet's, at one path per thread: what
+ * is made inside that path belongs to all its URIs together and cannot be divided. Such URIs
+ * form a group, and the calls inside them are listed for the group, not for a URI.
  */
 final class RequestReport {
     /** What the requests of a URI did: one kind, probed method and text. */
@@ -28,11 +33,19 @@ final class RequestReport {
         }
     }
 
-    /** The requests of one URI; 'kind' tells a servlet from a JSP. */
-    record Uri(String uri, int kind, long timeNs, long count, int threads, List<Nested> nested, int nestedLeftOut) {
+    /**
+     * The requests of one URI; 'kind' tells a servlet from a JSP. 'sharedWith' names the other
+     * URIs of its group, and then the calls inside are in the group's list, not in 'nested'.
+     */
+    record Uri(String uri, int kind, long timeNs, long count, int threads, List<String> sharedWith, List<Nested> nested,
+            int nestedLeftOut) {
         long meanNs() {
             return count == 0 ? 0 : timeNs / count;
         }
+    }
+
+    /** URIs whose requests share a call path, and the calls made inside them. */
+    record Group(List<String> uris, List<Nested> nested, int nestedLeftOut) {
     }
 
     private static final class Sum {
@@ -42,10 +55,20 @@ final class RequestReport {
         long count;
         final Set<Integer> threads = new HashSet<>();
         final Map<String, Nested> nested = new LinkedHashMap<>();
+        /** The first URI of its group, by union of those that share a path; itself when alone. */
+        Sum group = this;
 
         Sum(String uri, int kind) {
             this.uri = uri;
             this.kind = kind;
+        }
+
+        Sum root() {
+            Sum s = this;
+            while (s.group != s) {
+                s = s.group;
+            }
+            return s;
         }
     }
 
@@ -64,6 +87,7 @@ final class RequestReport {
     /** Events of the listed kinds made inside requests and outside them, by kind. */
     final Map<Integer, long[]> myInsideOutside = new HashMap<>();
     final List<Uri> myUris = new ArrayList<>();
+    final List<Group> myGroups = new ArrayList<>();
 
     RequestReport(Profile profile, Set<String> threadNames, int top, int nestedLines) {
         myProfile = profile;
@@ -72,9 +96,6 @@ final class RequestReport {
         myAnyEvents = !events.isEmpty();
         List<J2EEEvents.Event> requests = J2EEEvents.outermost(profile, events, J2EEEvents.Event::isRequest);
         myAnyRequests = !requests.isEmpty();
-        // A request row is the sum of a thread's requests to a URI at one call path; two URIs may
-        // share a path, so events inside a path go to each of its rows... which cannot be told
-        // apart. They are booked with the first URI on that thread and path (see README).
         Map<Long, Sum> byThreadFrame = new HashMap<>();
         Map<String, Sum> byUri = new LinkedHashMap<>();
         Set<Integer> threads = new HashSet<>();
@@ -87,7 +108,10 @@ final class RequestReport {
             sum.count += e.count();
             sum.threads.add(e.thread());
             threads.add(e.thread());
-            byThreadFrame.putIfAbsent(key(e.thread(), e.frame()), sum);
+            Sum other = byThreadFrame.putIfAbsent(key(e.thread(), e.frame()), sum);
+            if (other != null && other.root() != sum.root()) {
+                sum.root().group = other.root();
+            }
             myRequests += e.count();
             myTimeNs += e.timeNs();
         }
@@ -101,6 +125,7 @@ final class RequestReport {
                 Sum request = enclosingRequest(byThreadFrame, e);
                 myInsideOutside.computeIfAbsent(e.kind(), k -> new long[2])[request == null ? 1 : 0] += e.count();
                 if (request != null) {
+                    request = request.root();
                     String method = leafMethod(e.frame());
                     request.nested.merge(e.kind() + " " + method + " " + e.text(),
                             new Nested(e.kind(), method, e.text(), e.timeNs(), e.count()),
@@ -109,14 +134,17 @@ final class RequestReport {
                 }
             }
         }
+        Map<Sum, List<String>> groups = new LinkedHashMap<>();
         for (Sum sum : byUri.values()) {
-            List<Nested> nested = new ArrayList<>(sum.nested.values());
-            nested.sort(Comparator.comparingInt(Nested::kind).thenComparing(
-                    Comparator.comparingLong(Nested::timeNs).reversed())
-                    .thenComparing(Comparator.comparingLong(Nested::count).reversed())
-                    .thenComparing(Nested::method).thenComparing(Nested::text));
+            groups.computeIfAbsent(sum.root(), k -> new ArrayList<>()).add(label(sum.uri, sum.kind));
+        }
+        for (Sum sum : byUri.values()) {
+            List<String> group = groups.get(sum.root());
+            List<String> others = new ArrayList<>(group);
+            others.remove(label(sum.uri, sum.kind));
+            List<Nested> nested = others.isEmpty() ? sorted(sum.nested) : List.of();
             int shown = Math.min(nestedLines, nested.size());
-            myUris.add(new Uri(sum.uri, sum.kind, sum.timeNs, sum.count, sum.threads.size(),
+            myUris.add(new Uri(sum.uri, sum.kind, sum.timeNs, sum.count, sum.threads.size(), others,
                     new ArrayList<>(nested.subList(0, shown)), nested.size() - shown));
         }
         myUris.sort(Comparator.comparingLong(Uri::timeNs).reversed()
@@ -124,6 +152,32 @@ final class RequestReport {
         if (myUris.size() > top) {
             myUris.subList(top, myUris.size()).clear();
         }
+        Set<String> listed = new HashSet<>();
+        for (Uri u : myUris) {
+            listed.add(label(u.uri(), u.kind()));
+        }
+        for (Map.Entry<Sum, List<String>> group : groups.entrySet()) {
+            List<String> uris = group.getValue();
+            if (uris.size() > 1 && uris.stream().anyMatch(listed::contains)) {
+                List<Nested> nested = sorted(group.getKey().nested);
+                int shown = Math.min(nestedLines, nested.size());
+                myGroups.add(new Group(uris, new ArrayList<>(nested.subList(0, shown)), nested.size() - shown));
+            }
+        }
+    }
+
+    /** The URI as listed: "[JSP] " before a page's. */
+    private static String label(String uri, int kind) {
+        return (kind == J2EEEvents.KIND_JSP ? "[JSP] " : "") + uri;
+    }
+
+    private static List<Nested> sorted(Map<String, Nested> calls) {
+        List<Nested> nested = new ArrayList<>(calls.values());
+        nested.sort(Comparator.comparingInt(Nested::kind).thenComparing(
+                Comparator.comparingLong(Nested::timeNs).reversed())
+                .thenComparing(Comparator.comparingLong(Nested::count).reversed())
+                .thenComparing(Nested::method).thenComparing(Nested::text));
+        return nested;
     }
 
     private static long key(int thread, int frame) {
@@ -163,11 +217,13 @@ final class RequestReport {
                 + Format.count(sql[1]) + ", " + Format.count(dispatch[1]) + ", " + Format.count(jndi[1]);
     }
 
+    /** The rest of kjp's message for a snapshot with J2EE events but no request, after "FILE: ". */
+    static final String NO_REQUESTS = "has no servlet requests: its J2EE events are SQL statements or JNDI calls made"
+            + " outside requests (see kjp sql)";
+
     void writeText(ZoneId zone, PrintWriter out) {
         if (myUris.isEmpty()) {
-            out.println(mySelected && myAnyRequests ? "No requests recorded for the selected threads."
-                    : "No servlet requests recorded in this snapshot; its J2EE events are SQL statements or JNDI"
-                            + " calls made outside requests (see kjp sql).");
+            out.println("No requests recorded for the selected threads.");
             out.flush();
             return;
         }
@@ -183,16 +239,26 @@ final class RequestReport {
         out.println("Requests by URI and total time, " + (mySelected ? "selected threads" : "all threads"));
         Listing listing = new Listing("Time", "Count", "Mean", "URI");
         for (Uri u : myUris) {
-            listing.add(nestedLines(u), Format.millis(u.timeNs()), Format.count(u.count()),
-                    SqlReport.meanMillis(u.meanNs()), (u.kind() == J2EEEvents.KIND_JSP ? "[JSP] " : "") + u.uri());
+            List<String> below = u.sharedWith().isEmpty() ? nestedLines(u.nested(), u.nestedLeftOut())
+                    : List.of("  shares its service method's call path with " + String.join(", ", u.sharedWith())
+                            + ": the calls inside are listed for them together below");
+            listing.add(below, Format.millis(u.timeNs()), Format.count(u.count()), SqlReport.meanMillis(u.meanNs()),
+                    label(u.uri(), u.kind()));
         }
         listing.write(out);
+        for (Group g : myGroups) {
+            out.println();
+            out.println("Inside the requests of " + String.join(", ", g.uris()) + " together (one call path):");
+            List<String> lines = nestedLines(g.nested(), g.nestedLeftOut());
+            for (String line : lines.isEmpty() ? List.of("  (nothing)") : lines) {
+                out.println("  " + line);
+            }
+        }
         out.flush();
     }
 
-    /** Under a URI: per kind and method the calls, their time and the text. */
-    private static List<String> nestedLines(Uri u) {
-        List<Nested> nested = u.nested();
+    /** Per kind and method the calls, their time and the text. */
+    private static List<String> nestedLines(List<Nested> nested, int leftOut) {
         int labelWidth = 0;
         int countWidth = 0;
         int timeWidth = 0;
@@ -207,8 +273,8 @@ final class RequestReport {
                     countWidth) + "  " + Format.padLeft(Format.millis(n.timeNs()), timeWidth) + "  "
                     + (n.text().isEmpty() ? "(no text)" : n.text()));
         }
-        if (u.nestedLeftOut() > 0) {
-            lines.add("  ... " + Listing.counted(u.nestedLeftOut(), "more line", "more lines") + " (--paths)");
+        if (leftOut > 0) {
+            lines.add("  ... " + Listing.counted(leftOut, "more line", "more lines") + " (--paths)");
         }
         return lines;
     }
@@ -222,12 +288,24 @@ final class RequestReport {
             json.beginObject().field("uri", u.uri()).field("kind", J2EEEvents.kindName(u.kind()))
                     .field("timeNs", u.timeNs()).field("count", u.count()).field("meanNs", u.meanNs())
                     .field("threads", u.threads()).field("nestedLeftOut", u.nestedLeftOut());
-            json.name("nested").beginArray();
-            for (Nested n : u.nested()) {
-                json.beginObject().field("kind", J2EEEvents.kindName(n.kind())).field("method", n.method())
-                        .field("text", n.text()).field("timeNs", n.timeNs()).field("count", n.count()).endObject();
+            json.name("sharedWith").beginArray();
+            for (String other : u.sharedWith()) {
+                json.value(other);
             }
-            json.endArray().endObject();
+            json.endArray();
+            nestedJson(json, u.nested());
+            json.endObject();
+        }
+        json.endArray();
+        json.name("groups").beginArray();
+        for (Group g : myGroups) {
+            json.beginObject().name("uris").beginArray();
+            for (String uri : g.uris()) {
+                json.value(uri);
+            }
+            json.endArray().field("nestedLeftOut", g.nestedLeftOut());
+            nestedJson(json, g.nested());
+            json.endObject();
         }
         json.endArray();
         json.name("outsideRequests").beginObject();
@@ -236,5 +314,14 @@ final class RequestReport {
             json.field(J2EEEvents.kindName(kind), myInsideOutside.getOrDefault(kind, new long[2])[1]);
         }
         return json.endObject().endObject().toString();
+    }
+
+    private static void nestedJson(Json json, List<Nested> nested) {
+        json.name("nested").beginArray();
+        for (Nested n : nested) {
+            json.beginObject().field("kind", J2EEEvents.kindName(n.kind())).field("method", n.method())
+                    .field("text", n.text()).field("timeNs", n.timeNs()).field("count", n.count()).endObject();
+        }
+        json.endArray();
     }
 }
