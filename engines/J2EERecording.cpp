@@ -1,15 +1,74 @@
 #include "engines/J2EERecording.h"
 
+#include <string.h>
+
 #include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
+#include "agent/KHelpers.h"
 #include "agent/KLock.h"
+#include "agent/KMap.h"
 #include "db/DB.h"
+#include "db/records/MethodRecord.h"
+#include "engines/Filter.h"
 #include "engines/J2EECalls.h"
 #include "engines/J2EEIndex.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
 #include "instrument/J2EEHelper.h"
+
+namespace {
+
+// The indices of the methods with J2EE probes of each class not yet prepared, by the class's
+// internal name (owned). Guarded by ourLock.
+KMap<const char*, KVector<jint>*>& probedMethods() {
+  static KMap<const char*, KVector<jint>*>& map = *new KMap<const char*, KVector<jint>*>(64);
+  return map;
+}
+
+// Forgets the class's probed methods, and takes MF_J2EE back from them unless it is a J2EE class.
+void settleProbedMethods(jclass klass, bool isJ2EEClass) {
+  LockHolder holder(&ourLock, "J2EERecording(30)");
+  if (probedMethods().isEmpty()) {
+    return;
+  }
+  char* signature = nullptr;
+  if (ourJVMTI->GetClassSignature(klass, &signature, nullptr) != JVMTI_ERROR_NONE || signature == nullptr) {
+    return;
+  }
+  size_t length = strlen(signature);
+  if (length > 2 && signature[0] == 'L' && signature[length - 1] == ';') {
+    signature[length - 1] = '\0';
+    const char* name = signature + 1;
+    KVector<jint>* methods = nullptr;
+    if (probedMethods().get(name, &methods)) {
+      const char* key = probedMethods().getExisting(name);
+      probedMethods().remove(name);
+      for (jint i = 0; i < methods->size() && !isJ2EEClass; i++) {
+        MethodRecord* record = ourDB->myMethodTable->getRecord(methods->get(i), false);
+        if (record != nullptr && (record->myFlags & MF_J2EE) != 0) {
+          record->myFlags &= ~MF_J2EE;
+          Filter::applyFilters(record);
+          record->myModificationStamp = ourDB->myModificationStamp;
+        }
+      }
+      delete methods;
+      delete[] key;
+    }
+  }
+  deallocate(signature);
+}
+
+}  // namespace
+
+void noteJ2EEProbedMethod(const char* className, jint methodIndex) {
+  KVector<jint>* methods = nullptr;
+  if (!probedMethods().get(className, &methods)) {
+    methods = new KVector<jint>(4);
+    probedMethods().put(k_strdup(className), methods);
+  }
+  methods->push(methodIndex);
+}
 
 void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
   // Classes are still prepared while the JVM dies (java -version ends that way), when the JVM
@@ -25,9 +84,11 @@ void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
   if (ourJVMTI->IsInterface(klass, &isInterface) != JVMTI_ERROR_NONE || isInterface) {
     return;
   }
-  if (J2EEHelper::isClassImplementsSQLInterfaces(env, klass) && ourJVMTI6 != nullptr) {
+  bool isJ2EEClass = J2EEHelper::isClassImplementsSQLInterfaces(env, klass);
+  if (isJ2EEClass && ourJVMTI6 != nullptr) {
     ourJVMTI6->SetTag(klass, 1);
   }
+  settleProbedMethods(klass, isJ2EEClass);
 }
 
 void trimUnwoundJ2EECalls(JNIEnv* env, ThreadInfo* info) {

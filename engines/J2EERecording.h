@@ -18,6 +18,13 @@ extern const Engine ourJ2EEEngine;
 // with tag 1 on ourJVMTI6, which the J2EE probes ask at run time.
 void JNICALL markJ2EEClass(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jclass klass);
 
+// Keeps in mind that a method of the class 'className' (internal form) took J2EE probes, and
+// so carries MF_J2EE, until the class is prepared: markJ2EEClass then takes the flag back
+// from the methods of a class that implements none of the catalogue's interfaces, so that
+// method filters fold them as any other (every close() of the JDK's streams takes probes).
+// Caller holds ourLock.
+void noteJ2EEProbedMethod(const char* className, jint methodIndex);
+
 // JVMTI ExceptionCatch: frames may have been unwound past the exits of open J2EE calls.
 void JNICALL exception_catch(jvmtiEnv* jvmti, JNIEnv* env, jthread thread, jmethodID method, jlocation location,
                              jobject exception);

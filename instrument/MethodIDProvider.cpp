@@ -7,6 +7,7 @@
 #include "db/DB.h"
 #include "db/records/MethodRecord.h"
 #include "engines/Filter.h"
+#include "engines/J2EERecording.h"
 #include "engines/KMethod.h"
 
 jint MethodIDProvider::getMethodID(const char* className, const char* methodName, const char* descriptor) const {
@@ -31,4 +32,9 @@ void MethodIDProvider::addMethodFlags(jint methodIndex, jint flags) const {
   }
   // A live client learns of the change through the stamp.
   record->myModificationStamp = ourDB->myModificationStamp;
+}
+
+void MethodIDProvider::addJ2EEMethod(const char* className, jint methodIndex) const {
+  addMethodFlags(methodIndex, MF_J2EE);
+  noteJ2EEProbedMethod(className, methodIndex);
 }

@@ -19,6 +19,12 @@ class MethodIDProvider {
   // Adds 'flags' (MF_NOT_INSTRUMENTED, MF_J2EE) to the row of a method that getMethodID
   // returned. Call under ourLock.
   virtual void addMethodFlags(jint methodIndex, jint flags) const;
+
+  // Sets MF_J2EE on a method that took J2EE probes, which keeps method filters from folding
+  // it, and keeps it in mind until its class (className in internal form) is prepared: the
+  // probes go into every method of a catalogue name, and only then is it known whether the
+  // class is one of the catalogue's. Call under ourLock.
+  virtual void addJ2EEMethod(const char* className, jint methodIndex) const;
 };
 
 #endif

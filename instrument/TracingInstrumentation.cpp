@@ -316,7 +316,7 @@ void addJ2EEProbes(const MethodIDProvider* provider, ClassFile& classFile, Metho
                                       refs.myServletExit, j2ee->getJ2EEInstrumentationType(), refs.myIsJ2EEClass,
                                       j2ee->getJ2EEMethodType());
   if (done) {
-    provider->addMethodFlags(methodIndex, MF_J2EE);
+    provider->addJ2EEMethod(classFile.getSignature().get(), methodIndex);
   } else {
     reportNotInstrumented(provider, classFile, method, methodIndex);
   }

@@ -5,9 +5,11 @@
 #include "CPUTestSupport.h"
 #include "agent/EngineEvents.h"
 #include "agent/Options.h"
+#include "db/records/MethodRecord.h"
 #include "engines/J2EECalls.h"
 #include "engines/J2EERecording.h"
 #include "instrument/J2EEHelper.h"
+#include "instrument/MethodIDProvider.h"
 
 namespace {
 
@@ -159,6 +161,32 @@ TEST_F(J2EERecordingTest, PreparedClassesImplementingCatalogueInterfacesAreMarke
   ourJVMTI6 = nullptr;
   markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(impl));
   EXPECT_EQ(2u, ourJ2EETags.size());
+}
+
+TEST_F(J2EERecordingTest, MethodsWithJ2EEProbesKeepTheirFlagOnlyInJ2EEClassesOnceThoseArePrepared) {
+  FakeClass* object = declare("Ljava/lang/Object;", false, {}, nullptr);
+  FakeClass* statement = declare("Ljava/sql/Statement;", true, {}, nullptr);
+  FakeClass* impl = declare("Lcom/acme/Stmt;", false, {statement}, object);
+  FakeClass* stream = declare("Lcom/acme/Stream;", false, {}, object);
+  MethodIDProvider provider;
+  jint implClose = provider.getMethodID("com/acme/Stmt", "close", "()V");
+  jint streamClose = provider.getMethodID("com/acme/Stream", "close", "()V");
+  jint streamExecute = provider.getMethodID("com/acme/Stream", "execute", "(Ljava/lang/String;)Z");
+  provider.addJ2EEMethod("com/acme/Stmt", implClose);
+  provider.addJ2EEMethod("com/acme/Stream", streamClose);
+  provider.addJ2EEMethod("com/acme/Stream", streamExecute);
+  for (jint method : {implClose, streamClose, streamExecute}) {
+    EXPECT_EQ(MF_J2EE, flagsOf(method) & MF_J2EE);
+  }
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(impl));
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(stream));
+  EXPECT_EQ(MF_J2EE, flagsOf(implClose) & MF_J2EE);
+  EXPECT_EQ(0, flagsOf(streamClose) & MF_J2EE);
+  EXPECT_EQ(0, flagsOf(streamExecute) & MF_J2EE);
+  // Settled once: a class of the same name prepared again (another loader) changes nothing.
+  provider.addMethodFlags(streamClose, MF_J2EE);
+  markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(stream));
+  EXPECT_EQ(MF_J2EE, flagsOf(streamClose) & MF_J2EE);
 }
 
 TEST_F(J2EERecordingTest, AClassTheDyingJvmNoLongerAnswersForIsNoJ2EEClass) {
