@@ -3,6 +3,7 @@ package com.kestrix.cpu;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 
 import com.kestrix.test.Jvm;
+import com.kestrix.test.SnapshotPaths;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotReader;
 import com.kestrix.tools.snapshot.Table;
@@ -62,8 +63,6 @@ final class CpuProfile {
                 threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
             }
         }
-        Table methods = snapshot.table(TableLayout.METHOD);
-        Table frames = snapshot.table(TableLayout.FRAME);
         Table pairs = snapshot.table(TableLayout.THREADFRAME);
         Table cpu = snapshot.table(TableLayout.CPUPROFILING);
         Map<Integer, List<String>> paths = new HashMap<>();
@@ -80,31 +79,12 @@ final class CpuProfile {
                 continue;
             }
             int frame = pairs.getInt(pair, TableLayout.THREADFRAME.field("frameID"));
-            List<String> path = paths.computeIfAbsent(frame, f -> pathOf(snapshot, frames, methods, f));
+            List<String> path = paths.computeIfAbsent(frame, f -> SnapshotPaths.methods(snapshot, f));
             Node node = new Node(path);
             node.time = cpu.getLong(row, TableLayout.CPUPROFILING.field("time"));
             node.count = cpu.getLong(row, TableLayout.CPUPROFILING.field("count"));
             myNodesByThread.computeIfAbsent(thread, t -> new ArrayList<>()).add(node);
         }
-    }
-
-    private static List<String> pathOf(Snapshot snapshot, Table frames, Table methods, int frame) {
-        List<String> path = new ArrayList<>();
-        int guard = frames.size() + 1;
-        for (int current = frame; current > 0 && guard-- > 0; ) {
-            int row = frames.rowOf(current);
-            if (row < 0) {
-                path.add(0, "<missing frame " + current + ">");
-                break;
-            }
-            int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
-            String name = method < 0 ? "<unknown method>"
-                    : snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
-                            + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID")));
-            path.add(0, name);
-            current = frames.getInt(row, TableLayout.FRAME.field("parent"));
-        }
-        return path;
     }
 
     /** Runs the program with the agent options (dir= is added) and reads its exit snapshot. */

@@ -1,5 +1,6 @@
 package com.kestrix.memory;
 
+import com.kestrix.test.SnapshotPaths;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
@@ -47,8 +48,6 @@ final class AllocationProfile {
                 threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
             }
         }
-        Table frames = snapshot.table(TableLayout.FRAME);
-        Table methods = snapshot.table(TableLayout.METHOD);
         Table pairs = snapshot.table(TableLayout.THREADFRAME);
         Table alloc = snapshot.table(TableLayout.ALLOCINFO);
         for (int row = 0; row < alloc.size(); row++) {
@@ -64,28 +63,9 @@ final class AllocationProfile {
             String thread = threadBySlot.getOrDefault(
                     pairs.getInt(pair, TableLayout.THREADFRAME.field("threadIndexForTFI")), "<no thread>");
             int frame = pairs.getInt(pair, TableLayout.THREADFRAME.field("frameID"));
-            sites.add(new Site(thread, pathOf(snapshot, frames, methods, frame), count,
+            sites.add(new Site(thread, SnapshotPaths.methods(snapshot, frame), count,
                     alloc.getLong(row, TableLayout.ALLOCINFO.field("size"))));
         }
-    }
-
-    static List<String> pathOf(Snapshot snapshot, Table frames, Table methods, int frame) {
-        List<String> path = new ArrayList<>();
-        int guard = frames.size() + 1;
-        for (int current = frame; current > 0 && guard-- > 0; ) {
-            int row = frames.rowOf(current);
-            if (row < 0) {
-                path.add(0, "<missing frame " + current + ">");
-                break;
-            }
-            int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
-            String name = method < 0 ? "<unknown method>"
-                    : snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
-                            + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID")));
-            path.add(0, name);
-            current = frames.getInt(row, TableLayout.FRAME.field("parent"));
-        }
-        return path;
     }
 
     /** The sites whose path ends with these methods, one calling the next. */

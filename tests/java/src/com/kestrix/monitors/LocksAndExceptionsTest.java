@@ -6,6 +6,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.kestrix.test.Jvm;
 import com.kestrix.test.LiveAgent;
+import com.kestrix.test.SnapshotPaths;
 import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.SnapshotReader;
 import com.kestrix.tools.snapshot.Table;
@@ -64,17 +65,7 @@ class LocksAndExceptionsTest {
         }
 
         List<String> path(int frame) {
-            Table frames = snapshot.table(TableLayout.FRAME);
-            Table methods = snapshot.table(TableLayout.METHOD);
-            List<String> path = new ArrayList<>();
-            while (frame > 0) {
-                int row = frames.rowOf(frame);
-                int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
-                path.add(0, snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
-                        + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID"))));
-                frame = frames.getInt(row, TableLayout.FRAME.field("parent"));
-            }
-            return path;
+            return SnapshotPaths.methods(snapshot, frame);
         }
 
         List<Row> monitors() {

@@ -171,7 +171,7 @@ class J2EEJdbcTest {
                 String text = snapshot.string(t.getInt(r, l.field("strID")));
                 rows.add(new Row(text == null ? "" : text, t.getInt(r, l.field("kind")),
                         t.getLong(r, l.field("timeNs")), t.getLong(r, l.field("count")),
-                        path(snapshot, t.getInt(r, l.field("frame")))));
+                        SnapshotPaths.methods(snapshot, t.getInt(r, l.field("frame")))));
             }
         }
         Table methods = snapshot.table(TableLayout.METHOD);
@@ -189,19 +189,6 @@ class J2EEJdbcTest {
         return new Run(file, rows, j2eeMethods, cpuData);
     }
 
-    static List<String> path(Snapshot snapshot, int frame) {
-        Table frames = snapshot.table(TableLayout.FRAME);
-        Table methods = snapshot.table(TableLayout.METHOD);
-        List<String> path = new ArrayList<>();
-        while (frame > 0) {
-            int row = frames.rowOf(frame);
-            int method = methods.rowOf(frames.getInt(row, TableLayout.FRAME.field("callee")));
-            path.add(0, snapshot.string(methods.getInt(method, TableLayout.METHOD.field("classNameStrID"))) + "."
-                    + snapshot.string(methods.getInt(method, TableLayout.METHOD.field("nameStrID"))));
-            frame = frames.getInt(row, TableLayout.FRAME.field("parent"));
-        }
-        return path;
-    }
 
     @ParameterizedTest(name = "{1} on {0}")
     @MethodSource("jdksAndDatabases")
