@@ -208,6 +208,10 @@ public final class Kjp {
             throw new SnapshotFormatException("has no recorded allocations: they are recorded while allocation "
                     + "recording runs (-agentlib:kjpagent=alloc, or kjp connect HOST:PORT start-alloc)");
         }
+        // Before the output is opened, so that -o leaves no empty file behind.
+        if ((a.command.equals("sql") || a.command.equals("requests")) && J2EEEvents.read(profile).isEmpty()) {
+            throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
+        }
         if (a.value == Collapsed.Value.COUNT && !profile.hasCounts()) {
             throw new SnapshotFormatException("has no invocation counts: they are recorded with tracing, not sampling");
         }
@@ -267,9 +271,6 @@ public final class Kjp {
                 }
                 case "sql": {
                     SqlReport report = new SqlReport(profile, a.threads, a.top, a.paths);
-                    if (!report.myAnyEvents) {
-                        throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
-                    }
                     if (a.format.equals("json")) {
                         writer.write(report.renderJson());
                         writer.write('\n');
@@ -280,9 +281,6 @@ public final class Kjp {
                 }
                 case "requests": {
                     RequestReport report = new RequestReport(profile, a.threads, a.top, a.paths);
-                    if (!report.myAnyEvents) {
-                        throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
-                    }
                     if (!report.myAnyRequests) {
                         throw new SnapshotFormatException(RequestReport.NO_REQUESTS);
                     }

@@ -43,8 +43,6 @@ final class SqlReport {
 
     final Profile myProfile;
     final boolean mySelected;
-    /** Whether the snapshot holds J2EE events at all, of any kind and thread. */
-    final boolean myAnyEvents;
     final boolean myAnySql;
     /** Executions of statements with a text, their time, and how many texts they had. */
     long myExecutions;
@@ -60,7 +58,6 @@ final class SqlReport {
         myProfile = profile;
         mySelected = !threadNames.isEmpty();
         List<J2EEEvents.Event> events = J2EEEvents.read(profile);
-        myAnyEvents = !events.isEmpty();
         List<J2EEEvents.Event> sql = J2EEEvents.outermost(profile, events, J2EEEvents.Event::isSql);
         myAnySql = !sql.isEmpty();
         Map<String, Sum> byLabel = new HashMap<>();
