@@ -1,6 +1,8 @@
 // Instruments every class of a corpus file (see DumpJrtClasses.java) as the class-load hook
-// would with tracing and allocation probes, numbering methods without a database, and
-// writes the results as a corpus of the same format for VerifyInstrumented.java.
+// would with tracing, allocation and J2EE probes, numbering methods without a database, and
+// writes the results as a corpus of the same format for VerifyInstrumented.java. J2EE probes
+// go into every method whose name and descriptor are in the catalogue, whatever its class
+// (every close() among them), as they do in the JVM.
 //
 //   kjp_instrument_corpus <input corpus> <output corpus>
 //
@@ -15,6 +17,7 @@
 
 #include "agent/JVMTI_Agent.h"
 #include "agent/Options.h"
+#include "db/records/MethodRecord.h"
 #include "instrument/MethodIDProvider.h"
 #include "instrument/TracingInstrumentation.h"
 #include "tests/classfile/ClassCorpus.h"
@@ -24,9 +27,13 @@ namespace {
 class CountingProvider : public MethodIDProvider {
  public:
   jint getMethodID(const char*, const char*, const char*) const override { return ++myCount; }
-  void addMethodFlags(jint, jint) const override { myNotInstrumented++; }
+  void addMethodFlags(jint, jint flags) const override {
+    if ((flags & MF_NOT_INSTRUMENTED) != 0) myNotInstrumented++;
+    if ((flags & MF_J2EE) != 0) myJ2EE++;
+  }
   mutable jint myCount = 0;
   mutable long myNotInstrumented = 0;
+  mutable long myJ2EE = 0;
 };
 
 void writeU4(FILE* file, uint32_t value) {
@@ -56,6 +63,10 @@ int main(int argc, char** argv) {
   // As on a current HotSpot: natives are wrapped.
   ourIsMustang = true;
   ourIsMac = false;
+  // The J2EE probes need the environment that tags statements; the instrumentation only asks
+  // whether there is one.
+  static _jvmtiEnv taggingEnvironment;
+  ourJVMTI3 = &taggingEnvironment;
   CountingProvider provider;
   long failures = 0;
   long unchangedSize = 0;
@@ -66,7 +77,7 @@ int main(int argc, char** argv) {
     std::string name = c.name;
     size_t slash = name.find('/');
     std::string className = name.substr(slash + 1, name.size() - slash - 1 - 6);
-    if (!instrumentForTracingAllocationJ2EE(&provider, className.c_str(), input, output, true, true, false)) {
+    if (!instrumentForTracingAllocationJ2EE(&provider, className.c_str(), input, output, true, true, true)) {
       failures++;
       continue;
     }
@@ -77,7 +88,8 @@ int main(int argc, char** argv) {
     fwrite(output.getArray(), 1, static_cast<size_t>(output.size()), out);
   }
   fclose(out);
-  printf("classes: %zu, not instrumented classes: %ld, method indices handed out: %d, not instrumented methods: %ld\n", corpus.size(),
-         failures, provider.myCount, provider.myNotInstrumented);
+  printf("classes: %zu, not instrumented classes: %ld, method indices handed out: %d, not instrumented methods: %ld, "
+         "methods with J2EE probes: %ld\n", corpus.size(), failures, provider.myCount, provider.myNotInstrumented,
+         provider.myJ2EE);
   return failures == 0 ? 0 : 1;
 }

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Dumps the classes of one JDK's modules, instruments them with tracing and allocation
+# Dumps the classes of one JDK's modules, instruments them with tracing, allocation and J2EE
 # probes and verifies the results outside the JVM, on that same JDK.
 # usage: instrument-jdk.sh <kjp_instrument_corpus> <jdk home> <work file prefix> <asm class path>
 set -e
