@@ -201,7 +201,7 @@ final class RequestReport {
         return methods.isEmpty() ? "?" : J2EEEvents.simpleName(myProfile.methodName(methods.get(0)));
     }
 
-    /** "1,050 SQL statements, 1,000 dispatches and 500 JNDI calls inside them; 3 SQL statements outside". */
+    /** "inside them 1,050 SQL calls, 1,000 dispatch calls, 500 JNDI calls; outside them 3 SQL calls". */
     String nestedTotals() {
         long[] sql = new long[2];
         for (int kind : new int[] {J2EEEvents.KIND_JDBC, J2EEEvents.KIND_CONNECT}) {
@@ -211,10 +211,21 @@ final class RequestReport {
         }
         long[] dispatch = myInsideOutside.getOrDefault(J2EEEvents.KIND_DISPATCH, new long[2]);
         long[] jndi = myInsideOutside.getOrDefault(J2EEEvents.KIND_JNDI, new long[2]);
-        return "inside them " + Listing.counted(sql[0], "SQL call", "SQL calls") + ", "
-                + Listing.counted(dispatch[0], "dispatch call", "dispatch calls") + ", "
-                + Listing.counted(jndi[0], "JNDI call", "JNDI calls") + "; outside requests "
-                + Format.count(sql[1]) + ", " + Format.count(dispatch[1]) + ", " + Format.count(jndi[1]);
+        String[] inside = new String[2];
+        for (int where = 0; where < 2; where++) {
+            List<String> parts = new ArrayList<>();
+            if (where == 0 || sql[where] > 0) {
+                parts.add(Listing.counted(sql[where], "SQL call", "SQL calls"));
+            }
+            if (where == 0 || dispatch[where] > 0) {
+                parts.add(Listing.counted(dispatch[where], "dispatch call", "dispatch calls"));
+            }
+            if (where == 0 || jndi[where] > 0) {
+                parts.add(Listing.counted(jndi[where], "JNDI call", "JNDI calls"));
+            }
+            inside[where] = String.join(", ", parts);
+        }
+        return "inside them " + inside[0] + (inside[1].isEmpty() ? "" : "; outside them " + inside[1]);
     }
 
     /** The rest of kjp's message for a snapshot with J2EE events but no request, after "FILE: ". */
