@@ -10,6 +10,7 @@ import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.io.BufferedReader;
 import java.io.InputStreamReader;
+import java.net.Socket;
 import java.net.URI;
 import java.net.http.HttpClient;
 import java.net.http.HttpRequest;
@@ -77,7 +78,8 @@ class J2EEServletTest {
     /**
      * Starts the container under the agent, sends each URI its number of GETs, one at a time,
      * stops it through its standard input, and returns the exit snapshot. The server process is
-     * killed whatever happens.
+     * killed whatever happens. A URI after "!" gets one request whose client leaves once the
+     * answer has begun.
      */
     static Path serve(Path jdk, Container container, String options, Path dir, Object... urisAndCounts)
             throws Exception {
@@ -105,6 +107,10 @@ class J2EEServletTest {
             HttpClient client = HttpClient.newBuilder().connectTimeout(Duration.ofSeconds(30)).build();
             for (int i = 0; i < urisAndCounts.length; i += 2) {
                 String uri = (String) urisAndCounts[i];
+                if (uri.startsWith("!")) {
+                    leaveEarly(port, uri.substring(1));
+                    continue;
+                }
                 int expected = uri.startsWith("/fail") ? 500 : 200;
                 for (int n = 0; n < (Integer) urisAndCounts[i + 1]; n++) {
                     HttpResponse<String> response = client.send(HttpRequest.newBuilder(
@@ -124,6 +130,22 @@ class J2EEServletTest {
             List<Path> snapshots = files.filter(f -> f.toString().endsWith(".snapshot")).toList();
             assertEquals(1, snapshots.size(), Files.readString(err));
             return snapshots.get(0);
+        }
+    }
+
+    /** A GET whose client reads the start of the answer and resets the connection. */
+    static void leaveEarly(int port, String uri) throws Exception {
+        try (Socket socket = new Socket("127.0.0.1", port)) {
+            socket.setSoLinger(true, 0);
+            socket.getOutputStream().write(("GET " + uri + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
+                    .getBytes(StandardCharsets.US_ASCII));
+            BufferedReader in = new BufferedReader(new InputStreamReader(socket.getInputStream(),
+                    StandardCharsets.US_ASCII));
+            String line = in.readLine();
+            assertTrue(line != null && line.startsWith("HTTP/1.1 200"), line);
+            while (line != null && !line.equals("started")) {
+                line = in.readLine();
+            }
         }
     }
 
@@ -175,7 +197,8 @@ class J2EEServletTest {
     /** The calls of statement rows ending in 'leaf' with 'text' whose path holds one of 'requests' on their thread. */
     static long callsInside(List<Row> rows, List<Row> requests, int kind, String leaf, String text) {
         return rows.stream().filter(r -> r.kind() == kind && r.text().equals(text) && r.leaf().endsWith(leaf))
-                .filter(r -> requests.stream().anyMatch(q -> q.thread() == r.thread() && r.frames().contains(q.frame())))
+                .filter(r -> requests.stream()
+                        .anyMatch(q -> q.thread() == r.thread() && r.frames().contains(q.frame())))
                 .mapToLong(Row::count).sum();
     }
 
@@ -207,7 +230,7 @@ class J2EEServletTest {
     @MethodSource("runs")
     void requestsWithTheCallsMadeInsideThem(Path jdk, Container container, String mode, @TempDir Path dir)
             throws Exception {
-        Path file = serve(jdk, container, mode, dir, "/a", A, "/b?x=1", B, "/q", Q, "/fail", FAIL);
+        Path file = serve(jdk, container, mode, dir, "!/slow", 1, "/a", A, "/b?x=1", B, "/q", Q, "/fail", FAIL);
         List<Row> rows = rows(file);
 
         // The table: exact counts per URI, without the query string; what each request did lies
@@ -217,6 +240,8 @@ class J2EEServletTest {
         assertEquals(A, a.stream().mapToLong(Row::count).sum(), a.toString());
         assertEquals(B, b.stream().mapToLong(Row::count).sum(), b.toString());
         assertEquals(FAIL, outerRequests(rows, "/fail").stream().mapToLong(Row::count).sum());
+        // A request whose client left: counted once, and the requests after it as they were.
+        assertEquals(1, outerRequests(rows, "/slow").stream().mapToLong(Row::count).sum());
         assertTrue(rows.stream().noneMatch(r -> r.text().contains("?x=1")), "query strings are not part of URIs");
         assertEquals(A, callsInside(rows, a, 1, ".executeQuery", ITEM_QUERY));
         assertEquals(B, callsInside(rows, b, 1, ".executeQuery", COUNT_QUERY));
@@ -235,7 +260,7 @@ class J2EEServletTest {
 
         // kjp requests: the same figures, grouped by URI.
         String json = KjpRunner.succeed("requests", "--format", "json", file.toString());
-        assertTrue(json.contains("\"requests\":" + (A + B + Q + FAIL) + ",\"distinctUris\":4,"), json);
+        assertTrue(json.contains("\"requests\":" + (A + B + Q + FAIL + 1) + ",\"distinctUris\":5,"), json);
         String aJson = uriJson(json, "/a");
         assertTrue(aJson.contains("\"count\":" + A + ",") && aJson.contains("\"sharedWith\":[]"), aJson);
         assertEquals(A, nestedCount(aJson, "SQL", "executeQuery", ITEM_QUERY), aJson);
@@ -258,8 +283,11 @@ class J2EEServletTest {
         }
         assertEquals(Q, qCalls, json);
 
+        // kjp report's J2EE line counts the requests the same way.
+        String report = KjpRunner.succeed("report", file.toString());
+        assertTrue(report.contains(" " + (A + B + Q + FAIL + 1) + " requests (5 URIs)"), report);
         String text = KjpRunner.succeed("requests", "--top", "1", file.toString());
-        assertTrue(text.contains("Recorded  " + (A + B + Q + FAIL) + " requests (4 URIs)"), text);
+        assertTrue(text.contains("Recorded  " + (A + B + Q + FAIL + 1) + " requests (5 URIs)"), text);
         assertTrue(Pattern.compile("\\n +[\\d.,]+ ms +" + A + " +[\\d.,]+ ms  /a\\n").matcher(text).find(), text);
         assertTrue(text.contains("JNDI lookup") && text.contains(container.jndiName), text);
         assertFalse(text.contains("/b\n"), "--top 1 lists the costliest URI alone:\n" + text);
@@ -278,9 +306,14 @@ class J2EEServletTest {
             assertTrue(j2ee.contains(".executeQuery();[SQL] " + ITEM_QUERY), "statement frame");
         }
         if (traced) {
-            // The requests of /q and /fail share HttpServlet's frame.
-            assertTrue(Pattern.compile(";\\[request\\] (/q \\| /fail|/fail \\| /q);").matcher(j2ee).find(),
-                    "shared request frame");
+            // The requests of /q, /fail and /slow share HttpServlet's frame.
+            Matcher shared = Pattern.compile(";\\[request\\] ([^;]*);").matcher(j2ee);
+            boolean found = false;
+            while (shared.find() && !found) {
+                List<String> uris = List.of(shared.group(1).split(" \\| "));
+                found = uris.contains("/q") && uris.contains("/fail");
+            }
+            assertTrue(found, "shared request frame");
             assertTrue(j2ee.contains(".lookup(String);[JNDI] " + container.jndiName), "JNDI frame");
         }
         Path page = dir.resolve("flame.html");

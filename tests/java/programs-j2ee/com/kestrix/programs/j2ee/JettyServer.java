@@ -84,7 +84,10 @@ public final class JettyServer {
         }
     }
 
-    /** /q runs the prepared statement alone, /fail throws; /part and /view are the fragments. */
+    /**
+     * /q runs the prepared statement alone, /fail throws, /slow writes to a client that leaves;
+     * /part and /view are the fragments.
+     */
     static final class PlainServlet extends HttpServlet {
         private static final long serialVersionUID = 1L;
         private final transient Workload myWorkload;
@@ -102,6 +105,8 @@ public final class JettyServer {
                 response.getWriter().println("part of " + request.getRequestURI());
             } else if (request.getServletPath().equals("/fail")) {
                 throw new ServletException("failing on purpose");
+            } else if (request.getServletPath().equals("/slow")) {
+                Workload.writeToLeavingClient(response.getOutputStream());
             } else {
                 try {
                     response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
@@ -125,7 +130,7 @@ public final class JettyServer {
         context.addServlet(new ServletHolder(new ItemServlet(workload, jndi)), "/a");
         context.addServlet(new ServletHolder(new CountServlet(workload)), "/b");
         ServletHolder plain = new ServletHolder(new PlainServlet(workload));
-        for (String uri : new String[] {"/q", "/fail", "/part", "/view"}) {
+        for (String uri : new String[] {"/q", "/fail", "/slow", "/part", "/view"}) {
             context.addServlet(plain, uri);
         }
         server.setHandler(context);

@@ -89,7 +89,10 @@ public final class TomcatServer {
         }
     }
 
-    /** /q runs the prepared statement alone, /fail throws; /part and /view are the fragments. */
+    /**
+     * /q runs the prepared statement alone, /fail throws, /slow writes to a client that leaves;
+     * /part and /view are the fragments.
+     */
     static final class PlainServlet extends HttpServlet {
         private static final long serialVersionUID = 1L;
         private final transient Workload myWorkload;
@@ -107,6 +110,8 @@ public final class TomcatServer {
                 response.getWriter().println("part of " + request.getRequestURI());
             } else if (request.getServletPath().equals("/fail")) {
                 throw new ServletException("failing on purpose");
+            } else if (request.getServletPath().equals("/slow")) {
+                Workload.writeToLeavingClient(response.getOutputStream());
             } else {
                 try {
                     response.getWriter().println(myWorkload.item(myNext.incrementAndGet()));
@@ -147,7 +152,7 @@ public final class TomcatServer {
         Tomcat.addServlet(context, "item", new ItemServlet(workload)).addMapping("/a");
         Tomcat.addServlet(context, "count", new CountServlet(workload)).addMapping("/b");
         Wrapper plain = Tomcat.addServlet(context, "plain", new PlainServlet(workload));
-        for (String uri : new String[] {"/q", "/fail", "/part", "/view"}) {
+        for (String uri : new String[] {"/q", "/fail", "/slow", "/part", "/view"}) {
             plain.addMapping(uri);
         }
         tomcat.start();

@@ -3,6 +3,7 @@ package com.kestrix.programs.j2ee;
 import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStreamReader;
+import java.io.OutputStream;
 import java.net.InetAddress;
 import java.net.ServerSocket;
 import java.nio.charset.StandardCharsets;
@@ -29,7 +30,8 @@ import javax.naming.NamingException;
  * as the signal to stop).
  *
  * URIs: /a looks up "greeting" through JNDI, runs the prepared ITEM_QUERY and includes /part;
- * /b runs the plain COUNT_QUERY and forwards to /view; /q runs ITEM_QUERY alone; /fail throws.
+ * /b runs the plain COUNT_QUERY and forwards to /view; /q runs ITEM_QUERY alone; /fail throws;
+ * /slow answers slowly, for a client that leaves.
  */
 public final class Workload {
     public static final String ITEM_QUERY = "SELECT name FROM item WHERE id = ?";
@@ -61,6 +63,25 @@ public final class Workload {
         try (Statement s = myConnection.createStatement(); ResultSet rs = s.executeQuery(COUNT_QUERY)) {
             rs.next();
             return rs.getLong(1);
+        }
+    }
+
+    /**
+     * For a client that reads the start of the answer and leaves: the start at once, then, after
+     * a pause, more than any socket buffer holds, so that a write fails inside the servlet.
+     */
+    public static void writeToLeavingClient(OutputStream out) throws IOException {
+        out.write("started\n".getBytes(StandardCharsets.US_ASCII));
+        out.flush();
+        try {
+            Thread.sleep(300);
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+        byte[] chunk = new byte[64 * 1024];
+        for (int i = 0; i < 256; i++) {
+            out.write(chunk);
+            out.flush();
         }
     }
 
