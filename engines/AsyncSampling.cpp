@@ -147,6 +147,7 @@ jint walkFrom(JNIEnv* env, AsyncFrame* frames, void* context) {
 // code name a method that ran earlier. Only words of the thread's own stack between the stack
 // pointer and 4 KiB above it are read.
 const uintptr_t NEAR_STACK_TOP = 4096;
+const uintptr_t PROLOGUE_WORDS = 16;
 
 bool isNearStackTop(uintptr_t address, uintptr_t sp) {
   return address >= sp && address + 16 <= sp + NEAR_STACK_TOP && (address & 7) == 0;
@@ -173,6 +174,28 @@ jint walkFromCaller(JNIEnv* env, AsyncFrame* frames, void* context) {
     caller.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(fp + 16);
     caller.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(saved[0]);
     result = walkFrom(env, frames, &caller);
+    if (result > 0) {
+      return result;
+    }
+    caller = *original;
+  }
+  // Between its prologue and the point the JVM calls the frame complete (on JDK 25 a compiled
+  // method's entry barrier lies there, and a third of a loop of tiny calls was lost to it), a
+  // method has pushed the caller's frame pointer and made room for its frame, but the register
+  // still holds the caller's value. The slot above the word equal to it is the return address;
+  // other words that merely look like code addresses are stale and named methods that had run
+  // long before, so only that slot is tried.
+  for (uintptr_t slot = sp + 8; slot <= sp + 8 * PROLOGUE_WORDS; slot += 8) {
+    const uintptr_t* words = reinterpret_cast<const uintptr_t*>(slot);
+    if (fp == 0 || words[-1] != fp || words[0] == 0) {
+      continue;
+    }
+    caller.uc_mcontext.gregs[REG_RIP] = static_cast<greg_t>(words[0]);
+    caller.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(slot + 8);
+    result = walkFrom(env, frames, &caller);
+    if (result > 0) {
+      return result;
+    }
   }
   return result;
 }
