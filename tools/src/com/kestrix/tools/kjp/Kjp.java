@@ -20,6 +20,8 @@ import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Locale;
 import java.util.Set;
+import java.util.function.Consumer;
+import java.util.function.Supplier;
 
 /**
  * The kjp command: reads a snapshot of the Kestrix Java Profiler and prints what is in it, as a
@@ -219,64 +221,33 @@ public final class Kjp {
             switch (a.command) {
                 case "report": {
                     Report report = new Report(profile, new Report.Settings(a.top, a.paths, a.byThread, a.threads));
-                    if (a.format.equals("json")) {
-                        writer.write(JsonReport.render(report));
-                        writer.write('\n');
-                    } else {
-                        PrintWriter printer = new PrintWriter(writer);
-                        new TextReport(report, zone, printer, a.pathDepth).write();
-                        printer.flush();
-                    }
+                    render(a, writer, () -> JsonReport.render(report),
+                            text -> new TextReport(report, zone, text, a.pathDepth).write());
                     break;
                 }
                 case "alloc": {
                     AllocReport report = new AllocReport(profile, a.top, a.paths, a.byThread, a.threads);
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer));
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }
                 case "heap": {
                     if (a.analysis != null) {
                         RetainedReport retained = new RetainedReport(profile, a.analysis, a.top);
-                        if (a.format.equals("json")) {
-                            writer.write(retained.renderJson());
-                            writer.write('\n');
-                        } else {
-                            retained.writeText(zone, new PrintWriter(writer));
-                        }
+                        render(a, writer, retained::renderJson, text -> retained.writeText(zone, text));
                         break;
                     }
                     HeapReport report = new HeapReport(profile, a.top, a.className);
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer));
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }
                 case "locks": {
                     LockReport report = new LockReport(profile, a.threads, a.top, a.paths);
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer));
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }
                 case "sql": {
                     SqlReport report = new SqlReport(profile, a.threads, a.top, a.paths);
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer), a.pathDepth);
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text, a.pathDepth));
                     break;
                 }
                 case "requests": {
@@ -284,22 +255,12 @@ public final class Kjp {
                     if (!report.myAnyRequests) {
                         throw new SnapshotFormatException(RequestReport.NO_REQUESTS);
                     }
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer));
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }
                 case "exceptions": {
                     ExceptionReport report = new ExceptionReport(profile, a.threads, a.top, a.paths);
-                    if (a.format.equals("json")) {
-                        writer.write(report.renderJson());
-                        writer.write('\n');
-                    } else {
-                        report.writeText(zone, new PrintWriter(writer));
-                    }
+                    render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }
                 case "collapsed":
@@ -319,6 +280,19 @@ public final class Kjp {
                 default:
                     throw new IllegalStateException(a.command);
             }
+        }
+    }
+
+    /** A view as --format asks: its JSON object on one line, or its text. */
+    private static void render(Arguments a, Writer writer, Supplier<String> json, Consumer<PrintWriter> text)
+            throws IOException {
+        if (a.format.equals("json")) {
+            writer.write(json.get());
+            writer.write('\n');
+        } else {
+            PrintWriter printer = new PrintWriter(writer);
+            text.accept(printer);
+            printer.flush();
         }
     }
 
