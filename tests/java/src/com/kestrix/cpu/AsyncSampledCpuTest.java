@@ -95,11 +95,14 @@ class AsyncSampledCpuTest {
         args.add(Jvm.agentArgument("asyncsampling,samplingperiod=1,quiet,dir=" + dir));
         args.add("-XX:CompileCommand=quiet");
         args.add("-XX:CompileCommand=dontinline,com/kestrix/programs/KnownShares.tiny");
-        // The counted loop is the safepoint sampler's blind spot and the walk's easy case. The
-        // variants that run in the JVM's stubs or in tiny calls depend on the retried walks,
-        // whose misses move several points on a loaded machine (see the README's figures), so
-        // they are measured by bench/async-sampling.sh, not held to a bound here.
-        args.addAll(List.of("-cp", Jvm.programs().toString(), "com.kestrix.programs.KnownShares", "1500", "counted"));
+        // The counted loop is the safepoint sampler's blind spot and the walk's easy case. The tiny
+        // calls depend on the compiler describing every instruction and on the retried walks:
+        // without the one, a fifth of their time went to the method inlined beside them; without
+        // the other, a third of it was unknown on JDK 25. How the JIT compiled a run still moves
+        // them by several points on a loaded machine, so they get a wider bound and a bound on
+        // the walks given up. The stubs' variants are left to bench/async-sampling.sh.
+        args.addAll(List.of("-cp", Jvm.programs().toString(), "com.kestrix.programs.KnownShares", "1500", "counted",
+                "calls"));
         Jvm.Result run = Jvm.run(jdk, 300, args.toArray(new String[0]));
         assertEquals(0, run.exitCode, run.toString());
         Path snapshot;
@@ -120,13 +123,15 @@ class AsyncSampledCpuTest {
             // At 1 ms a variant's 1.5 s make some 1,500 samples, for a standard error of 1.3 points
             // of a share near one half: 5 points is beyond noise.
             double share = total == 0 ? 0 : 100.0 * mine / total;
-            if (total < 1_000_000_000L || Math.abs(share - truth) > 5) {
-                failures.put(variant, String.format("%.1f%% sampled against %.1f%% measured, %d ns in all", share,
-                        truth, total));
+            double unknown = total == 0 ? 0 : 100.0 * profile.rootTimeEndingWith(variant, "<unknown Java>") / total;
+            double bound = variant.equals("counted") ? 5 : 10;
+            if (total < 1_000_000_000L || Math.abs(share - truth) > bound || unknown > 8) {
+                failures.put(variant, String.format("%.1f%% sampled against %.1f%% measured, %.1f%% unknown, %d ns in all",
+                        share, truth, unknown, total));
             }
         }
-        assertEquals(1, run.stdout.lines().filter(l -> l.startsWith("truth ")).count(), run.toString());
-        assertTrue(failures.isEmpty(), failures + "\n" + profile.dump("counted"));
+        assertEquals(2, run.stdout.lines().filter(l -> l.startsWith("truth ")).count(), run.toString());
+        assertTrue(failures.isEmpty(), failures + "\n" + profile.dump("counted") + "\n" + profile.dump("calls"));
     }
 
     @ParameterizedTest

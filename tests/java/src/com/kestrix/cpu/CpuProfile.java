@@ -164,6 +164,12 @@ final class CpuProfile {
         return nodes(thread).stream().filter(n -> n.path.size() == 1).mapToLong(n -> n.time).sum();
     }
 
+    /** The time of the thread's outermost frames whose method name ends with 'suffix' (pseudo-methods). */
+    long rootTimeEndingWith(String thread, String suffix) {
+        return nodes(thread).stream().filter(n -> n.path.size() == 1 && n.path.get(0).endsWith(suffix))
+                .mapToLong(n -> n.time).sum();
+    }
+
     String dump(String thread) {
         return "thread " + thread + " of " + file + ":\n"
                 + nodes(thread).stream().map(Node::toString).collect(Collectors.joining("\n"));
