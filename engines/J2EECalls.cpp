@@ -1,5 +1,6 @@
 #include "engines/J2EECalls.h"
 
+#include "agent/JNIUtil.h"
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
@@ -51,9 +52,11 @@ void entryWithString(JNIEnv* env, jstring text, jshort kind) {
   if (kind == 0 || !isRecording()) {
     return;
   }
+  J2EEStack stack;
+  takeJ2EEStack(stack);
   LockHolder holder(&ourLock, "J2EECalls(50)");
   if (isRecording()) {
-    kjpJ2EEEntryImpl(env, internJString(env, text), kind);
+    kjpJ2EEEntryImpl(env, internJString(env, text), kind, &stack);
   }
 }
 
@@ -69,15 +72,22 @@ void exitCall(JNIEnv* env, jshort kind) {
 
 }  // namespace
 
-jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls) {
-  if ((ourStatus & CPU_COUNTS_BIT) == 0) {
-    return ourFrameStorage.fillCurrentFrameJVMTI(env, false, nullptr);
-  }
+void takeJ2EEStack(J2EEStack& stack) {
+  check_JVMTI_error(
+      ourJVMTI->GetStackTrace(nullptr, 0, KFrameStorage::MAX_STACK_DEPTH, stack.myFrames, &stack.myCount));
+}
+
+jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls, const J2EEStack* stack) {
+  bool traced = (ourStatus & CPU_COUNTS_BIT) != 0;
+  bool skipNative = traced && !canInstrumentNativeMethods();
   // The probes run beside the tracing probes of the same method, not inside its traced call, so
   // the thread's own bit stack must not be refilled from here: a scratch stack gives the folding.
   static KVector<bool>& scratch = *new KVector<bool>(64);
-  return ourFrameStorage.fillCurrentFrameJVMTI(env, !canInstrumentNativeMethods(),
-                                               filteredCalls != nullptr ? filteredCalls : &scratch);
+  KVector<bool>* bits = !traced ? nullptr : filteredCalls != nullptr ? filteredCalls : &scratch;
+  if (stack != nullptr) {
+    return ourFrameStorage.fillFrameFromStack(env, stack->myFrames, stack->myCount, skipNative, bits);
+  }
+  return ourFrameStorage.fillCurrentFrameJVMTI(env, skipNative, bits);
 }
 
 void dropUnwoundJ2EECalls(ThreadInfo* info, jint currentFrame) {
@@ -95,12 +105,12 @@ void dropUnwoundJ2EECalls(ThreadInfo* info, jint currentFrame) {
   }
 }
 
-void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind) {
+void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind, const J2EEStack* stack) {
   ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr || info->myIsAgentThread) {
     return;
   }
-  jint frame = currentJ2EEFrame(env, nullptr);
+  jint frame = currentJ2EEFrame(env, nullptr, stack);
   if (frame == -1) {
     return;
   }
@@ -207,9 +217,11 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry2(JNIEnv* en
   if (kind == 0 || !isRecording()) {
     return;
   }
+  J2EEStack stack;
+  takeJ2EEStack(stack);
   LockHolder holder(&ourLock, "J2EECalls(150)");
   if (isRecording()) {
-    kjpJ2EEEntryImpl(env, taggedText(statement), kind);
+    kjpJ2EEEntryImpl(env, taggedText(statement), kind, &stack);
   }
 }
 

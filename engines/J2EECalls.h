@@ -2,8 +2,10 @@
 #define KJP_J2EECALLS_H
 
 #include <jni.h>
+#include <jvmti.h>
 
 #include "agent/KVector.h"
+#include "engines/KFrameStorage.h"
 
 class ThreadInfo;
 
@@ -18,10 +20,22 @@ class ThreadInfo;
 // A probe passes J2EE method type 0 when the receiver's class only shares a catalogue method's
 // name; every native then returns at once.
 
+// The current thread's stack as GetStackTrace gives it, top first. The entry natives take it
+// before ourLock: walking the stack is the costly part of an entry, and the other threads'
+// J2EE calls and probes need not wait for it.
+struct J2EEStack {
+  jvmtiFrameInfo myFrames[KFrameStorage::MAX_STACK_DEPTH];
+  jint myCount = 0;
+};
+
+// Takes the current thread's stack into 'stack'. Needs no lock.
+void takeJ2EEStack(J2EEStack& stack);
+
 // Opens a J2EE call of the current thread at its current call path, for the text 'string' (a
 // string pool index) and 'kind' (the J2EE method type): counts it and remembers where the
-// path's time stood. Caller holds ourLock and has seen CPU_J2EE_BIT set.
-void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind);
+// path's time stood. The path is that of 'stack', taken by this thread inside the same probe,
+// or when null the stack walked now. Caller holds ourLock and has seen CPU_J2EE_BIT set.
+void kjpJ2EEEntryImpl(JNIEnv* env, int string, int kind, const J2EEStack* stack = nullptr);
 
 // Closes the innermost open J2EE call of the current thread and adds its time. Nothing happens
 // without an open call. Caller holds ourLock and has seen CPU_J2EE_BIT set.
@@ -42,7 +56,7 @@ jstring getRequestURI(JNIEnv* env, jobject request);
 // tracing on, filtered calls fold as tracing folds them, so that the path's CPU row is the one
 // tracing times; 'filteredCalls', when not null, is refilled with one bit per call on the
 // stack. Caller holds ourLock.
-jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls);
+jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls, const J2EEStack* stack = nullptr);
 
 // The natives of the Callback class that the J2EE probes call, with the J2EE method type as the
 // last argument. Entries report a text: the string itself (SQLEntry1, SQLEntry3), the text tagged

@@ -57,13 +57,18 @@ jint KFrameStorage::getChild(jint parent, jint methodIndex) {
 jint KFrameStorage::fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<bool>* filteredCalls) {
   jint count = 0;
   check_JVMTI_error(ourJVMTI->GetStackTrace(nullptr, 0, MAX_STACK_DEPTH, _frames, &count));
+  return fillFrameFromStack(env, _frames, count, skipNative, filteredCalls);
+}
+
+jint KFrameStorage::fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count, bool skipNative,
+                                       KVector<bool>* filteredCalls) {
   if (filteredCalls != nullptr) {
     filteredCalls->clear();
   }
   jint frame = 0;
   bool previousFiltered = false;
   for (jint i = count - 1; i >= 0; i--) {
-    jmethodID method = _frames[i].method;
+    jmethodID method = frames[i].method;
     if (skipNative) {
       jboolean isNative = JNI_FALSE;
       check_JVMTI_error(ourJVMTI->IsMethodNative(method, &isNative));

@@ -47,6 +47,11 @@ class KFrameStorage {
   // first one, as the tracing probes build it.
   jint fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<bool>* filteredCalls);
 
+  // The same for a stack that the current thread took of itself with GetStackTrace (top
+  // first, at most MAX_STACK_DEPTH frames): it can do so before it takes ourLock.
+  jint fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count, bool skipNative,
+                          KVector<bool>* filteredCalls);
+
   // The same for a stack captured by GetAllStackTraces, keeping every frame. With 'locals',
   // the named local variables of each method are stored under its handle.
   jint fillCurrentFrameJVMTIFromStackInfo(JNIEnv* env, const jvmtiStackInfo& stackInfo,

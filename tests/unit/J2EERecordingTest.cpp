@@ -344,6 +344,22 @@ TEST_F(J2EECatchTest, WithoutExceptionEventsEntriesAndExitsDropTheCallsAnExcepti
   ourOptions.myDisableExceptions = savedDisable;
 }
 
+TEST_F(J2EECatchTest, AnEntryNativeBooksItsCallAtThePathOfTheStackItTookBeforeTheLock) {
+  myFake.currentStack = {myExecute, myQuery, myServe, myRun};
+  Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
+  ASSERT_EQ(1, myThread->myJ2EERecordsStack.size());
+  J2EERecord* record = myThread->myJ2EERecordsStack.get(0);
+  EXPECT_EQ(frameOf({myRun, myServe, myQuery, myExecute}), record->myFrame);
+  EXPECT_EQ(1, record->myCount);
+  EXPECT_EQ(1, record->myKind);
+  // A receiver of no J2EE class passes type 0, and a stopped recording takes nothing either.
+  Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 0);
+  ourStatus &= ~CPU_J2EE_BIT;
+  Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
+  EXPECT_EQ(1, myThread->myJ2EERecordsStack.size());
+  EXPECT_EQ(1, record->myCount);
+}
+
 TEST_F(J2EECatchTest, RecordAndTimeStacksOfDifferentSizesAreRefused) {
   open({frameOf({myRun})});
   myThread->myJ2EETimesStack.push(7);
