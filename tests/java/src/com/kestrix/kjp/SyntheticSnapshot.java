@@ -46,6 +46,19 @@ final class SyntheticSnapshot implements AutoCloseable {
         stamp(Natives.TABLE_FRAME, index);
     }
 
+    /**
+     * CPU data of a thread (by its running number, which is also its slot here) at a frame: the
+     * time with the callees', and the invocations. 'pair' numbers the thread-frame pair.
+     */
+    void cpu(int pair, int thread, int frame, long timeNs, long count) {
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_THREADFRAME_THREAD_INDEX_FOR_TFI, pair, thread);
+        Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_THREADFRAME_FRAME_ID, pair, frame);
+        stamp(Natives.TABLE_THREADFRAME, pair);
+        Natives.dbNsetLongFieldImpl(myDb, Natives.FIELD_CPUPROFILING_TIME, pair, timeNs);
+        Natives.dbNsetLongFieldImpl(myDb, Natives.FIELD_CPUPROFILING_COUNT, pair, count);
+        stamp(Natives.TABLE_CPUPROFILING, pair);
+    }
+
     void monitor(int thread, int frame, int owner, String className, long timeNs, long count) {
         int row = myNextMonitor++;
         Natives.dbNsetIntFieldImpl(myDb, Natives.FIELD_MONITOR_THREAD, row, thread);
