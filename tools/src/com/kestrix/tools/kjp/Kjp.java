@@ -272,7 +272,8 @@ public final class Kjp {
                     String session = snapshot.header().sessionName();
                     String title = "Flame graph: " + (session.isEmpty() ? snapshot.file().getFileName() : session);
                     String subtitle = valueName(a.value)
-                            + (a.merged ? ", all threads merged" : ", by thread") + " - "
+                            + (a.merged ? ", all threads merged" : ", by thread")
+                            + (a.j2ee ? ", J2EE events as frames" : "") + " - "
                             + snapshot.file().getFileName();
                     new FlameGraph(profile, a.value, a.minPercent).write(trees, title, subtitle, writer);
                     break;
