@@ -11,16 +11,14 @@
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), JAVA_HOME (default JDK 17)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
-sources=/usr/lib/jvm/openjdk-17/src.zip
 runs=${1:-3}
-[ -f "$sources" ] || { echo "no JDK 17 sources at $sources: run scripts/install-deps.sh" >&2; exit 1; }
 
 work=$(mktemp -d /tmp/kjp-alloc-overhead.XXXXXX)
 trap 'rm -rf "$work"' EXIT
-(cd "$work" && unzip -q "$sources" 'java.base/java/util/*' -d src)
-find "$work/src" -name '*.java' > "$work/files.txt"
+java_util_sources "$work"
 count=$(wc -l < "$work/files.txt")
 
 # One compilation: appends "wall_ms cpu_ms" to the configuration's file.
@@ -54,9 +52,6 @@ for ((i = 1; i <= runs; i++)); do
     echo "$line  (ms: wall, process CPU)" >&2
 done
 
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 echo "allocation recording overhead: javac of $count sources, $runs runs each, $("$java_home/bin/java" -version 2>&1 | head -1)"
 printf '%-10s %10s %10s %10s %10s %14s %14s %14s\n' "median ms" "no agent" "no mode" "adaptive" "alloc" \
     "adaptive/nomode" "alloc/nomode" "nomode/none"

@@ -15,6 +15,7 @@
 #              asyncsampling,samplingperiod=1")
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 export KJP_TOOLS_JAR=$(realpath "${KJP_TOOLS_JAR:-$root/build/tools/kjp-tools.jar}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
@@ -59,9 +60,6 @@ run_once() {
     ' "$work/folded" >> "$work/$tag.shares"
 }
 
-median() {
-    sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 : > "$work/none.cpu"
 i=0

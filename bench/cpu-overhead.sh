@@ -10,6 +10,7 @@
 #              KJP_AGENT_OPTIONS (default "sampling")
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
 options=${KJP_AGENT_OPTIONS:-sampling}
@@ -37,9 +38,6 @@ run_once() {
         '{ printf "%d %d %d %d\n", $3, $5, e * 1000, (u + s) * 1000 }' >> "$out"
 }
 
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 : > "$work/without"
 : > "$work/with"

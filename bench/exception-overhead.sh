@@ -10,6 +10,7 @@
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), JAVA_HOME (default JDK 17)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
 runs=${1:-3}
@@ -28,9 +29,6 @@ run_once() {
     grep '^work ' "$work/stdout" | awk '{ printf "%d %d\n", $3, $5 }' >> "$work/$name"
 }
 
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 configs=(none nomode disabled)
 declare -A flags=(

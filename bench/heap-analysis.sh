@@ -14,6 +14,7 @@
 # environment: KJP_BUILD (default build), JAVA_HOME (default JDK 17), KJP_JAVA_OPTS for kjp
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 build=$(realpath "${KJP_BUILD:-$root/build}")
 agent="$build/lib/libkjpagent.so"
 export KJP_TOOLS_JAR="$build/tools/kjp-tools.jar"
@@ -59,9 +60,6 @@ timed() {
     shift
     /usr/bin/time -f "%e %M" -o "$work/time" "$root/tools/kjp" "$@" > "$work/kjp.out"
     awk '{ printf "%d %d\n", $1 * 1000, $2 }' "$work/time" >> "$work/$results"
-}
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 for ((r = 1; r <= rounds; r++)); do
     rm -f "$snapshot.index"

@@ -17,6 +17,7 @@
 #              -XX:+UseSerialGC), KJP_AGENT_OPTIONS (more agent options, e.g. alloc)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 export KJP_TOOLS_JAR=$(realpath "${KJP_TOOLS_JAR:-$root/build/tools/kjp-tools.jar}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
@@ -74,9 +75,6 @@ for ((r = 1; r <= rounds; r++)); do
 done
 echo "exit" >&3
 
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 echo "heap capture against HPROF, $rounds rounds, $groups groups (about $((groups * 6)) thousand objects), $("$java_home/bin/java" -version 2>&1 | head -1) ${KJP_JVM_OPTIONS:-}"
 printf '%-14s %14s %14s %8s\n' "median" "HPROF" "snapshot" "ratio"
 for pair in "time (ms):1:3" "heap part (ms):1:5" "size (bytes):2:4"; do

@@ -12,6 +12,7 @@
 #              KJP_TOOLS_JAR (default build/tools/kjp-tools.jar, for the counts)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
 tools_jar=$(realpath "${KJP_TOOLS_JAR:-$(dirname "$agent")/../tools/kjp-tools.jar}")
@@ -32,9 +33,6 @@ run_once() {
     grep '^work ' "$work/stdout" | awk '{ printf "%d %d\n", $3, $5 }' >> "$out"
 }
 
-median() {  # column of a file
-    cut -d' ' -f"$2" "$1" | sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 echo "monitor profiling overhead, 4 threads, $acquisitions acquisitions in all, $runs runs each, $("$java_home/bin/java" -version 2>&1 | head -1)"
 for variant in sync lock; do

@@ -9,6 +9,7 @@
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), KJP_AGENT_OPTIONS (default quiet)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 options=${KJP_AGENT_OPTIONS:-quiet}
 runs=${1:-10}
@@ -27,9 +28,6 @@ public class Hello {
 EOF
 /usr/lib/jvm/java-17-openjdk-amd64/bin/javac --release 8 -Xlint:-options -d "$work/hello" "$work/hello/Hello.java"
 
-median() {
-    sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 # Prints "wall_ms cpu_ms" of one run of the command.
 measure() {

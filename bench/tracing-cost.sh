@@ -18,6 +18,7 @@
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), JAVA_HOME (default JDK 17)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/java-17-openjdk-amd64}
 runs=${1:-5}
@@ -44,9 +45,6 @@ calls() {
     awk '/^calls / { print $6, $8, $2, $14 }' "$work/stdout"
 }
 
-median() {
-    sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 main=(-Dkjp.bench.floor="$work/libclockfloor.so" -cp "$work/classes" com.kestrix.bench.TracedCalls)
 : > "$work/floor"; : > "$work/app"; : > "$work/over"; : > "$work/bare"; : > "$work/filtered"; : > "$work/t1"; : > "$work/t2"

@@ -7,6 +7,7 @@
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), JAVA_HOME (default JDK 25)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/lib.sh"
 agent=$(realpath "${KJP_AGENT:-$root/build/lib/libkjpagent.so}")
 java_home=${JAVA_HOME:-/usr/lib/jvm/temurin-25-jdk-amd64}
 runs=${1:-5}
@@ -21,9 +22,6 @@ yield_ns() {
         awk '/^yield / { print $2 }'
 }
 
-median() {
-    sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 
 : > "$work/without"; : > "$work/with"
 for ((i = 1; i <= runs; i++)); do
