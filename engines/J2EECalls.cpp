@@ -53,7 +53,9 @@ void entryWithString(JNIEnv* env, jstring text, jshort kind) {
     return;
   }
   J2EEStack stack;
-  takeJ2EEStack(stack);
+  if (!takeJ2EEStack(stack)) {
+    return;
+  }
   LockHolder holder(&ourLock, "J2EECalls(50)");
   if (isRecording()) {
     kjpJ2EEEntryImpl(env, internJString(env, text), kind, &stack);
@@ -72,9 +74,15 @@ void exitCall(JNIEnv* env, jshort kind) {
 
 }  // namespace
 
-void takeJ2EEStack(J2EEStack& stack) {
-  check_JVMTI_error(
-      ourJVMTI->GetStackTrace(nullptr, 0, KFrameStorage::MAX_STACK_DEPTH, stack.myFrames, &stack.myCount));
+bool takeJ2EEStack(J2EEStack& stack) {
+  // While the JVM shuts down, daemon threads still run into probes and the walk is refused:
+  // the call is then not recorded, the application goes on.
+  if (ourJVMTI->GetStackTrace(nullptr, 0, KFrameStorage::MAX_STACK_DEPTH, stack.myFrames, &stack.myCount) !=
+      JVMTI_ERROR_NONE) {
+    stack.myCount = 0;
+    return false;
+  }
+  return true;
 }
 
 jint currentJ2EEFrame(JNIEnv* env, KVector<bool>* filteredCalls, const J2EEStack* stack) {
@@ -218,7 +226,9 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry2(JNIEnv* en
     return;
   }
   J2EEStack stack;
-  takeJ2EEStack(stack);
+  if (!takeJ2EEStack(stack)) {
+    return;
+  }
   LockHolder holder(&ourLock, "J2EECalls(150)");
   if (isRecording()) {
     kjpJ2EEEntryImpl(env, taggedText(statement), kind, &stack);

@@ -28,8 +28,9 @@ struct J2EEStack {
   jint myCount = 0;
 };
 
-// Takes the current thread's stack into 'stack'. Needs no lock.
-void takeJ2EEStack(J2EEStack& stack);
+// Takes the current thread's stack into 'stack'; false when the JVM refuses the walk (at its
+// end). Needs no lock.
+bool takeJ2EEStack(J2EEStack& stack);
 
 // Opens a J2EE call of the current thread at its current call path, for the text 'string' (a
 // string pool index) and 'kind' (the J2EE method type): counts it and remembers where the

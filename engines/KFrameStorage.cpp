@@ -56,7 +56,11 @@ jint KFrameStorage::getChild(jint parent, jint methodIndex) {
 
 jint KFrameStorage::fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<bool>* filteredCalls) {
   jint count = 0;
-  check_JVMTI_error(ourJVMTI->GetStackTrace(nullptr, 0, MAX_STACK_DEPTH, _frames, &count));
+  // Once the JVM is dying, application threads still run into probes and the walk is refused:
+  // their calls then count at the root rather than ending the process.
+  if (ourJVMTI->GetStackTrace(nullptr, 0, MAX_STACK_DEPTH, _frames, &count) != JVMTI_ERROR_NONE) {
+    count = 0;
+  }
   return fillFrameFromStack(env, _frames, count, skipNative, filteredCalls);
 }
 

@@ -35,6 +35,9 @@ jvmtiInterface_1_ makeJVMTI() {
   };
   t.GetStackTrace = [](jvmtiEnv*, jthread, jint start, jint max, jvmtiFrameInfo* frames, jint* count) -> jvmtiError {
     EXPECT_EQ(0, start);
+    if (ourFakeCPUVM->stackError != JVMTI_ERROR_NONE) {
+      return ourFakeCPUVM->stackError;
+    }
     jint n = 0;
     for (jmethodID m : ourFakeCPUVM->currentStack) {
       if (n == max) {

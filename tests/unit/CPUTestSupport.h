@@ -44,6 +44,8 @@ struct FakeCPUVM {
   std::vector<Stack> allStacks;
   jvmtiPhase phase = JVMTI_PHASE_LIVE;
   jvmtiError allStacksError = JVMTI_ERROR_NONE;
+  // What GetStackTrace of the current thread answers; it refuses once the JVM is dying.
+  jvmtiError stackError = JVMTI_ERROR_NONE;
   std::vector<std::pair<jvmtiEventMode, jvmtiEvent>> eventSwitches;
   std::vector<std::string> thrown;
   int deletedRefs = 0;

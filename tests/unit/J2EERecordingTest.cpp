@@ -354,6 +354,10 @@ TEST_F(J2EECatchTest, AnEntryNativeBooksItsCallAtThePathOfTheStackItTookBeforeTh
   EXPECT_EQ(1, record->myKind);
   // A receiver of no J2EE class passes type 0, and a stopped recording takes nothing either.
   Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 0);
+  // Neither does a call whose stack the dying JVM refuses.
+  myFake.stackError = JVMTI_ERROR_WRONG_PHASE;
+  Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
+  myFake.stackError = JVMTI_ERROR_NONE;
   ourStatus &= ~CPU_J2EE_BIT;
   Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
   EXPECT_EQ(1, myThread->myJ2EERecordsStack.size());

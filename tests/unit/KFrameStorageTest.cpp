@@ -85,6 +85,12 @@ TEST_F(KFrameStorageTest, StackWalkSkipsHiddenAndNativeAndCollapsesFilteredRuns)
   myFake.currentStack.clear();
   EXPECT_EQ(0, ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, false, &bits));
   EXPECT_EQ(0, bits.size());
+
+  // A walk the dying JVM refuses is the root, not the end of the process.
+  myFake.currentStack = {d, c, b, a, main};
+  myFake.stackError = JVMTI_ERROR_WRONG_PHASE;
+  EXPECT_EQ(0, ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, false, &bits));
+  EXPECT_EQ(0, bits.size());
 }
 
 TEST_F(KFrameStorageTest, TheTracedWalkStepsOverMethodsOfHiddenClasses) {
