@@ -1,6 +1,5 @@
 package com.kestrix.tools.kjp;
 
-import com.kestrix.tools.snapshot.SnapshotFormatException;
 import java.util.ArrayList;
 import java.util.Comparator;
 import java.util.LinkedHashMap;
@@ -36,12 +35,8 @@ final class J2EEFrames {
      * one those of the threads it holds. 'value' COUNT gives the frames no invocations of their
      * own, so that counts stay those of methods.
      */
-    static void insert(Profile profile, List<CallTree> trees, Set<String> threadNames, Collapsed.Value value)
-            throws SnapshotFormatException {
+    static void insert(Profile profile, List<CallTree> trees, Set<String> threadNames, Collapsed.Value value) {
         List<J2EEEvents.Event> events = J2EEEvents.read(profile);
-        if (events.isEmpty()) {
-            throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
-        }
         List<J2EEEvents.Event> shown = new ArrayList<>();
         for (Predicate<J2EEEvents.Event> kind : KINDS) {
             shown.addAll(J2EEEvents.outermost(profile, events, kind));

@@ -211,8 +211,14 @@ public final class Kjp {
                     + "recording runs (-agentlib:kjpagent=alloc, or kjp connect HOST:PORT start-alloc)");
         }
         // Before the output is opened, so that -o leaves no empty file behind.
-        if ((a.command.equals("sql") || a.command.equals("requests")) && J2EEEvents.read(profile).isEmpty()) {
-            throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
+        if (a.command.equals("sql") || a.command.equals("requests") || a.j2ee) {
+            List<J2EEEvents.Event> events = J2EEEvents.read(profile);
+            if (events.isEmpty()) {
+                throw new SnapshotFormatException(J2EEEvents.NONE_RECORDED);
+            }
+            if (a.command.equals("requests") && events.stream().noneMatch(J2EEEvents.Event::isRequest)) {
+                throw new SnapshotFormatException(RequestReport.NO_REQUESTS);
+            }
         }
         if (a.value == Collapsed.Value.COUNT && !profile.hasCounts()) {
             throw new SnapshotFormatException("has no invocation counts: they are recorded with tracing, not sampling");
@@ -252,9 +258,6 @@ public final class Kjp {
                 }
                 case "requests": {
                     RequestReport report = new RequestReport(profile, a.threads, a.top, a.paths);
-                    if (!report.myAnyRequests) {
-                        throw new SnapshotFormatException(RequestReport.NO_REQUESTS);
-                    }
                     render(a, writer, report::renderJson, text -> report.writeText(zone, text));
                     break;
                 }

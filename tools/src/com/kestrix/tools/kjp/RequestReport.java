@@ -78,8 +78,6 @@ final class RequestReport {
 
     final Profile myProfile;
     final boolean mySelected;
-    final boolean myAnyEvents;
-    final boolean myAnyRequests;
     long myRequests;
     long myTimeNs;
     int myThreads;
@@ -93,9 +91,7 @@ final class RequestReport {
         myProfile = profile;
         mySelected = !threadNames.isEmpty();
         List<J2EEEvents.Event> events = J2EEEvents.read(profile);
-        myAnyEvents = !events.isEmpty();
         List<J2EEEvents.Event> requests = J2EEEvents.outermost(profile, events, J2EEEvents.Event::isRequest);
-        myAnyRequests = !requests.isEmpty();
         Map<Long, Sum> byThreadFrame = new HashMap<>();
         Map<String, Sum> byUri = new LinkedHashMap<>();
         Set<Integer> threads = new HashSet<>();
