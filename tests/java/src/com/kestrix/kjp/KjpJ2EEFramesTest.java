@@ -4,6 +4,7 @@ import static com.kestrix.kjp.KjpReportTest.kjp;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.kestrix.Constants;
 import com.kestrix.kjp.KjpReportTest.Run;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -14,7 +15,7 @@ import org.junit.jupiter.api.io.TempDir;
  * collapsed and flame with --j2ee on CPU data and J2EE rows of known figures: where an event's
  * frame goes, what width it gets when its recorded time is below its callees' or above its
  * method's, one frame for the URIs that share a service method's path, and totals that stay
- * those recorded.
+ * those recorded, in time and in invocations.
  */
 class KjpJ2EEFramesTest {
     static Path snapshot(Path dir) {
@@ -46,7 +47,7 @@ class KjpJ2EEFramesTest {
             s.j2ee(2, 4, "SELECT 1", 1, 600, 10);
             // Less than the lookup's method had, which has no callees: 50 of its 100.
             s.j2ee(2, 6, "jdbc/db", 7, 50, 1);
-            return s.write(dir.resolve("frames.snapshot"));
+            return s.write(dir.resolve("frames.snapshot"), Constants.SNAPSHOT_WITH_COUNTS);
         }
     }
 
@@ -76,9 +77,13 @@ class KjpJ2EEFramesTest {
         String plain = kjp("collapsed", "--merged", file.toString()).out();
         assertEquals(sum(plain), sum(run.out()));
 
-        // Per thread the same frames, under the thread.
+        // Per thread the same frames, under the thread; invocations stay those of the methods.
         String byThread = kjp("collapsed", "--j2ee", file.toString()).out();
         assertTrue(byThread.contains("main;App.main();App.setUp();[JNDI] jdbc/db 50\n"), byThread);
+        String counts = kjp("collapsed", "--j2ee", "--value", "count", file.toString()).out();
+        assertEquals(sum(kjp("collapsed", "--value", "count", file.toString()).out()), sum(counts));
+        assertTrue(counts.contains("main;App.main();HttpServlet.service() 10\n"), counts);
+        assertTrue(counts.lines().noneMatch(line -> line.matches(".*;\\[[a-zA-Z]+\\] [^;]* \\d+")), counts);
 
         Path page = dir.resolve("frames.html");
         assertEquals(0, kjp("flame", "--j2ee", "-o", page.toString(), file.toString()).status());

@@ -113,7 +113,13 @@ final class SyntheticSnapshot implements AutoCloseable {
     }
 
     Path write(Path file) {
-        String failure = Natives.dbNwriteSnapshotImpl(myDb, 0L, file.toString(), 32L, 1234567890L, "Synthetic");
+        return write(file, 0);
+    }
+
+    /** The same with more header flags, such as SNAPSHOT_WITH_COUNTS for a traced run. */
+    Path write(Path file, long moreFlags) {
+        String failure = Natives.dbNwriteSnapshotImpl(myDb, 0L, file.toString(), 32L | moreFlags, 1234567890L,
+                "Synthetic");
         if (failure != null) {
             throw new IllegalStateException("writing " + file + ": " + failure);
         }
