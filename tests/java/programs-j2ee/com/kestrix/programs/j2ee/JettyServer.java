@@ -117,6 +117,35 @@ public final class JettyServer {
         }
     }
 
+    /**
+     * /page.jsp: a page as the JSP compiler leaves it, its content in _jspService, which the
+     * service method calls (written by hand: running the JSP compiler needs jars Debian leaves out).
+     */
+    static final class Page extends HttpServlet implements javax.servlet.jsp.HttpJspPage {
+        private static final long serialVersionUID = 1L;
+
+        @Override
+        public void jspInit() {
+        }
+
+        @Override
+        public void jspDestroy() {
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            _jspService(request, response);
+        }
+
+        @Override
+        public void _jspService(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            response.setContentType("text/html");
+            response.getWriter().println("<p>page</p>");
+        }
+    }
+
     public static void main(String[] args) throws Exception {
         Workload workload = new Workload();
         Hashtable<String, String> jndi = Workload.startRegistry();
@@ -129,6 +158,7 @@ public final class JettyServer {
         context.setContextPath("/");
         context.addServlet(new ServletHolder(new ItemServlet(workload, jndi)), "/a");
         context.addServlet(new ServletHolder(new CountServlet(workload)), "/b");
+        context.addServlet(new ServletHolder(new Page()), "/page.jsp");
         ServletHolder plain = new ServletHolder(new PlainServlet(workload));
         for (String uri : new String[] {"/q", "/fail", "/slow", "/part", "/view"}) {
             context.addServlet(plain, uri);

@@ -122,6 +122,35 @@ public final class TomcatServer {
         }
     }
 
+    /**
+     * /page.jsp: a page as the JSP compiler leaves it, its content in _jspService, which the
+     * service method calls (written by hand: running the JSP compiler needs jars Debian leaves out).
+     */
+    static final class Page extends HttpServlet implements jakarta.servlet.jsp.HttpJspPage {
+        private static final long serialVersionUID = 1L;
+
+        @Override
+        public void jspInit() {
+        }
+
+        @Override
+        public void jspDestroy() {
+        }
+
+        @Override
+        protected void service(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            _jspService(request, response);
+        }
+
+        @Override
+        public void _jspService(HttpServletRequest request, HttpServletResponse response)
+                throws ServletException, IOException {
+            response.setContentType("text/html");
+            response.getWriter().println("<p>page</p>");
+        }
+    }
+
     public static void main(String[] args) throws Exception {
         Workload workload = new Workload();
         Path base = Files.createTempDirectory("kjp-tomcat-");
@@ -151,6 +180,7 @@ public final class TomcatServer {
         context.getNamingResources().addEnvironment(greeting);
         Tomcat.addServlet(context, "item", new ItemServlet(workload)).addMapping("/a");
         Tomcat.addServlet(context, "count", new CountServlet(workload)).addMapping("/b");
+        Tomcat.addServlet(context, "page", new Page()).addMapping("/page.jsp");
         Wrapper plain = Tomcat.addServlet(context, "plain", new PlainServlet(workload));
         for (String uri : new String[] {"/q", "/fail", "/slow", "/part", "/view"}) {
             plain.addMapping(uri);
