@@ -6,7 +6,7 @@ DominatorComputer::DominatorComputer(JNIEnv* env, ObjectStorage* storage, const 
                                      const jint* marks)
     : myStorage(storage),
       myData(env, "da", (static_cast<jlong>(storage->myObjectCount) + 1) * FIELDS),
-      mySentinel(storage->myObjectCount),
+      mySentinel(0),
       myDFSCount(0),
       myRoots(rootCount * 2 + 16),
       myRoots0(roots),
@@ -31,48 +31,53 @@ DominatorComputer::DominatorComputer(JNIEnv* env, ObjectStorage* storage, const 
   memset(storage->myVisited, 0, visitedBytes);
   KASSERT_TEXT(storage->myBackRefTable, "backRefTable");
   computeSemidominators();
-  BigIntArray64& dominators = storage->myDominators;
   for (jint i = 2; i <= myDFSCount; i++) {
-    jint w = at(i, VERTEX);
-    jint d = dominators.get(w);
-    if (d != at(at(w, SEMI), VERTEX)) {
-      dominators.set(w, dominators.get(d));
+    jint& dominator = at(i, DOMINATOR);
+    if (dominator != at(i, SEMI)) {
+      dominator = at(dominator, DOMINATOR);
     }
+  }
+  // Only now do the objects get their dominators, which replace their numbers in "i".
+  BigIntArray64& dominators = myStorage->myDominators;
+  dominators.set(0, 0);
+  for (jint i = 2; i <= myDFSCount; i++) {
+    dominators.set(at(i, VERTEX), at(at(i, DOMINATOR), VERTEX));
   }
   storage->myRefs.unmapRefTable("FINISH DOMINATOR COMPUTING");
 }
 
 DominatorComputer::~DominatorComputer() {}
 
-void DominatorComputer::number(jint node, jint parent) {
-  myDFSCount++;
-  at(node, PARENT) = parent;
-  at(node, SEMI) = myDFSCount;
-  at(myDFSCount, VERTEX) = node;
-  at(node, LABEL) = node;
-  at(node, ANCESTOR) = mySentinel;
-  at(node, CHILD) = mySentinel;
-  at(node, SIZE) = 1;
+jint DominatorComputer::number(jint node, jint parentNumber) {
+  jint n = ++myDFSCount;
+  at(n, PARENT) = parentNumber;
+  at(n, SEMI) = n;
+  at(n, VERTEX) = node;
+  at(n, LABEL) = n;
+  at(n, ANCESTOR) = mySentinel;
+  at(n, CHILD) = mySentinel;
+  at(n, SIZE) = 1;
+  myStorage->myDominators.set(node, n);
+  return n;
 }
 
 void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable* refs) {
-  // Two stacks. A frame is a node on the search's path, with the height the stack of candidates
-  // had when the node was entered. Entering a node reads its references once, in a row, and
-  // pushes those not visited yet as its candidates, the first on top, asking for their entries
-  // of the reference table as it goes; returning to a node then costs no second look at its
-  // references, long out of the cache after a deep subtree. A candidate that a subtree visited
-  // in the meantime is passed over when it comes up, so the numbering is that of a recursive
-  // search taking references in their order.
+  // Two stacks. A frame is a node on the search's path, by its number, with the height the stack
+  // of candidates had when the node was entered. Entering a node reads its references once, in a
+  // row, and pushes those not visited yet as its candidates, the first on top, asking for their
+  // entries of the reference table as it goes; returning to a node then costs no second look at
+  // its references, long out of the cache after a deep subtree. A candidate that a subtree
+  // visited in the meantime is passed over when it comes up, so the numbering is that of a
+  // recursive search taking references in their order.
   BigIntArray64 frames(env, "dfsd", 0);
   BigIntArray64 candidates(env, "dfsc", 0);
   BigIntArray64& targets = refs->getRefs();
   const jint* startAndCount = refs->getStartAndCount();
   jint frameTop = 0;
   jint candidateTop = 0;
-  number(0, mySentinel);
-  setMark(visited, 0);
-  frames.set(0, 0);
+  frames.set(0, number(0, mySentinel));
   frames.set(1, 0);
+  setMark(visited, 0);
   for (jint r = myRootCount - 1; r >= 0; r--) {
     if (takes(visited, myRoots0[r])) {
       candidates.set(candidateTop++, myRoots0[r]);
@@ -80,7 +85,6 @@ void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable
   }
   BigIntArrayIterator run;
   while (frameTop >= 0) {
-    jint node = frames.get(2 * frameTop);
     if (candidateTop == frames.get(2 * frameTop + 1)) {
       frameTop--;
       continue;
@@ -89,10 +93,10 @@ void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable
     if (isMarked(visited, target)) {
       continue;
     }
-    number(target, node);
+    jint targetNumber = number(target, frames.get(2 * frameTop));
     setMark(visited, target);
     frameTop++;
-    frames.set(2 * frameTop, target);
+    frames.set(2 * frameTop, targetNumber);
     frames.set(2 * frameTop + 1, candidateTop);
     jint first = candidateTop;
     jint start = startAndCount[2 * target];
@@ -113,25 +117,24 @@ void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable
   }
 }
 
-// A bucket is a list threaded through the nodes' bucket words: the low half of a node's word is
-// the first node of its bucket, plus one (0 for an empty bucket); the high half is the next node
-// in the bucket the node itself waits in, plus one. A node waits in one bucket at most, so the
-// lists need no memory beyond the word a node has anyway, and no allocation at all.
-void DominatorComputer::addToBucket(jint bucketOwner, jint node) {
+// A bucket is a list threaded through the bucket words, indexed by number like the rest: the low
+// half of a word is the first number in that number's bucket, 0 for an empty bucket; the high
+// half is the next number in the bucket the number itself waits in. A node waits in one bucket at
+// most, so the lists need no memory beyond the word a node has anyway, and no allocation at all.
+void DominatorComputer::addToBucket(jint bucketOwner, jint number) {
   jlong* words = myStorage->myDominatorBuckets;
   uint32_t head = static_cast<uint32_t>(words[bucketOwner]);
-  words[node] = (static_cast<jlong>(head) << 32) | static_cast<uint32_t>(words[node]);
-  words[bucketOwner] = (words[bucketOwner] & ~0xFFFFFFFFLL) | static_cast<uint32_t>(node + 1);
+  words[number] = (static_cast<jlong>(head) << 32) | static_cast<uint32_t>(words[number]);
+  words[bucketOwner] = (words[bucketOwner] & ~0xFFFFFFFFLL) | static_cast<uint32_t>(number);
 }
 
 void DominatorComputer::processBucket(jint bucketOwner) {
   jlong* words = myStorage->myDominatorBuckets;
-  BigIntArray64& dominators = myStorage->myDominators;
   uint32_t entry = static_cast<uint32_t>(words[bucketOwner]);
   while (entry != 0) {
-    jint v = static_cast<jint>(entry - 1);
+    jint v = static_cast<jint>(entry);
     jint u = eval(v);
-    dominators.set(v, at(u, SEMI) < at(v, SEMI) ? u : bucketOwner);
+    at(v, DOMINATOR) = at(u, SEMI) < at(v, SEMI) ? u : bucketOwner;
     entry = static_cast<uint32_t>(static_cast<unsigned long long>(words[v]) >> 32);
   }
   words[bucketOwner] &= ~0xFFFFFFFFLL;
@@ -139,41 +142,57 @@ void DominatorComputer::processBucket(jint bucketOwner) {
 
 void DominatorComputer::computeSemidominators() {
   RefTable* backRefs = myStorage->myBackRefTable;
+  BigIntArray64& numbers = myStorage->myDominators;
   BigIntArrayIterator referrers;
-  // The nodes come in DFS order, scattered over memory. What each needs is asked for ahead, in
-  // stages, so that the misses overlap: 16 nodes ahead its data and its entry of the table of
-  // referrers, 8 ahead the run of its referrers, 4 ahead the data of its first referrer.
+  // The nodes come by falling number, their own data in a row; what lies elsewhere is asked for
+  // ahead, in stages, so that the misses overlap: 24 nodes ahead the entry of the table of
+  // referrers, 16 ahead the run of referrers, 8 ahead the referrers' numbers, 4 ahead the
+  // referrers' data.
   const jint* startAndCount = backRefs->getStartAndCount();
   BigIntArray64& referrerSlots = backRefs->getRefs();
+  auto referrersOf = [&](jint i, BigIntArrayIterator* iterator) {
+    jint w = at(i, VERTEX);
+    jint start = startAndCount[2 * w];
+    iterator->init(&referrerSlots, start, start + startAndCount[2 * w + 1]);
+  };
+  BigIntArrayIterator ahead;
   for (jint i = myDFSCount; i >= 2; i--) {
+    if (i - 24 >= 2) {
+      __builtin_prefetch(&startAndCount[2 * at(i - 24, VERTEX)]);
+    }
     if (i - 16 >= 2) {
-      jint ahead = at(i - 16, VERTEX);
-      prefetchNode(ahead);
-      __builtin_prefetch(&startAndCount[2 * ahead]);
+      jint w = at(i - 16, VERTEX);
+      if (startAndCount[2 * w + 1] > 0) {
+        jint* page = referrerSlots.getBuffer(startAndCount[2 * w], false);
+        if (page != nullptr) {
+          __builtin_prefetch(&page[startAndCount[2 * w] & BigIntArray64::PAGE_MASK]);
+        }
+      }
     }
     if (i - 8 >= 2) {
-      jint ahead = at(i - 8, VERTEX);
-      if (startAndCount[2 * ahead + 1] > 0) {
-        jint* page = referrerSlots.getBuffer(startAndCount[2 * ahead], false);
+      referrersOf(i - 8, &ahead);
+      while (ahead.hasNext()) {
+        jint v = ahead.next();
+        jint* page = numbers.getBuffer(v, false);
         if (page != nullptr) {
-          __builtin_prefetch(&page[startAndCount[2 * ahead] & BigIntArray64::PAGE_MASK]);
+          __builtin_prefetch(&page[v & BigIntArray64::PAGE_MASK]);
         }
       }
     }
     if (i - 4 >= 2) {
-      jint ahead = at(i - 4, VERTEX);
-      if (startAndCount[2 * ahead + 1] > 0) {
-        prefetchNode(referrerSlots.get(startAndCount[2 * ahead]));
+      referrersOf(i - 4, &ahead);
+      while (ahead.hasNext()) {
+        prefetchNode(numbers.get(ahead.next()));
       }
     }
-    jint w = at(i, VERTEX);
-    jint& semiW = at(w, SEMI);
-    if (!myRoots.contains(w)) {
-      backRefs->initReferenceIterator(&referrers, w);
+    jint& semiW = at(i, SEMI);
+    if (!myRoots.contains(at(i, VERTEX))) {
+      referrersOf(i, &referrers);
       while (referrers.hasNext()) {
-        jint v = referrers.next();
-        // A referrer that the search never reached is no predecessor in the graph computed.
-        if (v == 0 || !isMarked(myMarks, v) || at(v, SEMI) == 0) {
+        // A referrer that the search never reached, left out by the marks or not, has no
+        // number: it is no predecessor in the graph computed.
+        jint v = numbers.get(referrers.next());
+        if (v == 0) {
           continue;
         }
         jint u = eval(v);
@@ -183,14 +202,14 @@ void DominatorComputer::computeSemidominators() {
       }
     } else {
       // The virtual root stands in front of every root.
-      jint u = eval(0);
+      jint u = eval(1);
       if (at(u, SEMI) < semiW) {
         semiW = at(u, SEMI);
       }
     }
-    addToBucket(at(semiW, VERTEX), w);
-    jint parent = at(w, PARENT);
-    link(parent, w);
+    addToBucket(semiW, i);
+    jint parent = at(i, PARENT);
+    link(parent, i);
     processBucket(parent);
   }
 }
@@ -248,5 +267,38 @@ void DominatorComputer::compress(jint v) {
       at(y, LABEL) = at(a, LABEL);
     }
     at(y, ANCESTOR) = at(a, ANCESTOR);
+  }
+}
+
+void DominatorComputer::addUpRetainedSizes() {
+  // Going down the numbers meets every node after all those it dominates, as a dominator's number
+  // is below those of the nodes it dominates: no counts of children and no frontier are needed.
+  BigIntArray64& sizes = myStorage->mySizes;
+  auto setRetained = [this](jint number, jlong size) {
+    at(number, RETAINED_HIGH) = static_cast<jint>(size >> 32);
+    at(number, RETAINED_LOW) = static_cast<jint>(size);
+  };
+  auto getRetained = [this](jint number) {
+    return (static_cast<jlong>(at(number, RETAINED_HIGH)) << 32) |
+           static_cast<jlong>(static_cast<uint32_t>(at(number, RETAINED_LOW)));
+  };
+  for (jint i = 2; i <= myDFSCount; i++) {
+    if (i + 16 <= myDFSCount) {
+      jint ahead = at(i + 16, VERTEX);
+      jint* page = sizes.getBuffer(ahead, false);
+      if (page != nullptr) {
+        __builtin_prefetch(&page[ahead & BigIntArray64::PAGE_MASK]);
+      }
+    }
+    jint size = sizes.get(at(i, VERTEX));
+    setRetained(i, size == -1 ? 0 : size);
+  }
+  setRetained(1, 0);
+  for (jint i = myDFSCount; i >= 2; i--) {
+    jint d = at(i, DOMINATOR);
+    setRetained(d, getRetained(d) + getRetained(i));
+  }
+  for (jint i = 2; i <= myDFSCount; i++) {
+    myStorage->setRetainedSize(at(i, VERTEX), getRetained(i));
   }
 }

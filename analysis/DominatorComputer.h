@@ -14,6 +14,11 @@
 // the constructor and leaves each object's immediate dominator in the storage's "i" array: 0,
 // the virtual root above all GC roots, for a root and for every object that no root reaches.
 //
+// The search numbers the nodes once, and from then on every step works on the numbers: a node's
+// data lies at its number, so the passes that go through the nodes by number read their own data
+// in a row instead of jumping over memory by object index; only a node's referrers are looked up
+// by object, through the number the search left in "i" until the dominators replace it.
+//
 // Nothing recurses: the depth-first search and the path compression run on explicit stacks, so
 // a chain of ten million objects needs no more stack than a single object. The back-reference
 // table must have been built (osNcomputeBRTImpl) before.
@@ -27,6 +32,7 @@ class DominatorComputer {
   DominatorComputer& operator=(const DominatorComputer&) = delete;
 
   void depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable* refs);
+  // These three take and give DFS numbers.
   void link(jint v, jint w);
   jint eval(jint v);
   void compress(jint v);
@@ -36,21 +42,31 @@ class DominatorComputer {
   // immediate dominator always has a smaller number than the node.
   jint getVertex(jint number) { return at(number, VERTEX); }
 
- private:
-  // The seven ints of a node lie together, so that each step of the algorithm touches one
-  // cache line.
-  enum Field { LABEL = 0, PARENT = 1, ANCESTOR = 2, CHILD = 3, VERTEX = 4, SEMI = 5, SIZE = 6, FIELDS = 7 };
+  // The retained sizes of the objects the search reached, into the storage's "rs", in the data
+  // that the computation needs no longer; the others' are left as they are.
+  void addUpRetainedSizes();
 
-  jint& at(jint node, Field field) { return myData.getBlock()[static_cast<jlong>(node) * FIELDS + field]; }
-  jint semiOfLabel(jint node) { return at(at(node, LABEL), SEMI); }
-  void number(jint node, jint parent);
-  // The visited bits stand for "semi is not 0" here: a bit set of a few megabytes stays in the
+ private:
+  // The seven ints of a number lie together, so that each step of the algorithm touches one
+  // cache line. Number 0 is the algorithm's null node, the sentinel. A node's parent is no longer
+  // needed once the node is linked, and its slot takes the node's dominator from then on; the
+  // label and ancestor take the retained size once the dominators are done.
+  enum Field { LABEL = 0, PARENT = 1, ANCESTOR = 2, CHILD = 3, VERTEX = 4, SEMI = 5, SIZE = 6, FIELDS = 7 };
+  static const Field DOMINATOR = PARENT;
+  static const Field RETAINED_HIGH = LABEL;
+  static const Field RETAINED_LOW = ANCESTOR;
+
+  jint& at(jint number, Field field) { return myData.getBlock()[static_cast<jlong>(number) * FIELDS + field]; }
+  jint semiOfLabel(jint number) { return at(at(number, LABEL), SEMI); }
+  // Gives 'node' the next number, under the parent's number.
+  jint number(jint node, jint parentNumber);
+  // The visited bits stand for "has a number" here: a bit set of a few megabytes stays in the
   // cache where the nodes' own data, tens of bytes apiece, would be a miss per reference.
   bool takes(const jint* visited, jint target) {
     return target != 0 && !isMarked(visited, target) && isMarked(myMarks, target);
   }
-  void prefetchNode(jint node) { __builtin_prefetch(&myData.getBlock()[static_cast<jlong>(node) * FIELDS]); }
-  void addToBucket(jint bucketOwner, jint node);
+  void prefetchNode(jint number) { __builtin_prefetch(&myData.getBlock()[static_cast<jlong>(number) * FIELDS]); }
+  void addToBucket(jint bucketOwner, jint number);
   void processBucket(jint bucketOwner);
   void computeSemidominators();
 

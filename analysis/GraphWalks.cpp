@@ -58,8 +58,8 @@ void computeDominatorsAndRetainedSizes(JNIEnv* env, ObjectStorage* storage, cons
   free(storage->myDominatorBuckets);
   storage->myDominatorBuckets = nullptr;
   // The same sums as calculateRetainedSizes, which needs nothing but the dominators, in less
-  // time: the search's order is still at hand, and going through it backwards meets every object
-  // after all those it dominates, so no counts of children and no frontier are needed.
+  // time: the search's numbering is still at hand. Objects the search did not reach retain their
+  // own size.
   BigIntArray64& sizes = storage->mySizes;
   for (jint o = 1; o < storage->myObjectCount; o++) {
     jint size = sizes.get(o);
@@ -67,14 +67,7 @@ void computeDominatorsAndRetainedSizes(JNIEnv* env, ObjectStorage* storage, cons
       storage->setRetainedSize(o, size);
     }
   }
-  BigIntArray64& dominators = storage->myDominators;
-  for (jint number = computer.getDFSCount(); number >= 2; number--) {
-    jint w = computer.getVertex(number);
-    jint d = dominators.get(w);
-    if (d != 0) {
-      storage->setRetainedSize(d, storage->getRetainedSize(d) + storage->getRetainedSize(w));
-    }
-  }
+  computer.addUpRetainedSizes();
   free(storage->myVisited);
   storage->myVisited = nullptr;
 }
