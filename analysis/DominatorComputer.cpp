@@ -8,18 +8,12 @@ DominatorComputer::DominatorComputer(JNIEnv* env, ObjectStorage* storage, const 
       myData(env, "da", (static_cast<jlong>(storage->myObjectCount) + 1) * FIELDS),
       mySentinel(0),
       myDFSCount(0),
-      myRoots(rootCount * 2 + 16),
       myRoots0(roots),
       myRootCount(rootCount),
       myMarks(marks),
       myCompressPath(64) {
   KASSERT(storage->myVisited);
   KASSERT(storage->myDominatorBuckets);
-  for (jint r = 0; r < rootCount; r++) {
-    if (roots[r] != 0) {
-      myRoots.add(roots[r]);
-    }
-  }
   // A second computation starts from a clean tree.
   storage->myDominators.reset(0);
   size_t visitedBytes = static_cast<size_t>(storage->getBitSetLength()) * sizeof(jint);
@@ -28,20 +22,36 @@ DominatorComputer::DominatorComputer(JNIEnv* env, ObjectStorage* storage, const 
   at(mySentinel, LABEL) = mySentinel;
   depthFirstSearchDom(env, storage->myVisited, &storage->myRefs);
   storage->myRefs.unmapRefTable("AFTER depthFirstSearchDom");
+  // The visited bits serve again, as the bits of the roots' numbers: the semidominator pass goes
+  // through the numbers in a row and tests them at no cost, where a set of roots would cost a
+  // hash lookup for each node.
   memset(storage->myVisited, 0, visitedBytes);
+  for (jint r = 0; r < rootCount; r++) {
+    jint root = roots[r] == 0 ? 0 : storage->myDominators.get(roots[r]);
+    if (root != 0) {
+      setMark(storage->myVisited, root);
+    }
+  }
   KASSERT_TEXT(storage->myBackRefTable, "backRefTable");
   computeSemidominators();
+  // By rising number a node's dominator is final before the node's own turn comes. The objects
+  // get their dominators in the same pass, each replacing the object's number in "i", and the
+  // slots of the retained size start at 0.
+  BigIntArray64& dominators = myStorage->myDominators;
+  dominators.set(0, 0);
+  at(1, RETAINED_HIGH) = 0;
+  at(1, RETAINED_LOW) = 0;
   for (jint i = 2; i <= myDFSCount; i++) {
+    if (i + 16 <= myDFSCount) {
+      prefetchSlot(dominators, at(i + 16, VERTEX));
+    }
     jint& dominator = at(i, DOMINATOR);
     if (dominator != at(i, SEMI)) {
       dominator = at(dominator, DOMINATOR);
     }
-  }
-  // Only now do the objects get their dominators, which replace their numbers in "i".
-  BigIntArray64& dominators = myStorage->myDominators;
-  dominators.set(0, 0);
-  for (jint i = 2; i <= myDFSCount; i++) {
-    dominators.set(at(i, VERTEX), at(at(i, DOMINATOR), VERTEX));
+    dominators.set(at(i, VERTEX), at(dominator, VERTEX));
+    at(i, RETAINED_HIGH) = 0;
+    at(i, RETAINED_LOW) = 0;
   }
   storage->myRefs.unmapRefTable("FINISH DOMINATOR COMPUTING");
 }
@@ -163,20 +173,13 @@ void DominatorComputer::computeSemidominators() {
     if (i - 16 >= 2) {
       jint w = at(i - 16, VERTEX);
       if (startAndCount[2 * w + 1] > 0) {
-        jint* page = referrerSlots.getBuffer(startAndCount[2 * w], false);
-        if (page != nullptr) {
-          __builtin_prefetch(&page[startAndCount[2 * w] & BigIntArray64::PAGE_MASK]);
-        }
+        prefetchSlot(referrerSlots, startAndCount[2 * w]);
       }
     }
     if (i - 8 >= 2) {
       referrersOf(i - 8, &ahead);
       while (ahead.hasNext()) {
-        jint v = ahead.next();
-        jint* page = numbers.getBuffer(v, false);
-        if (page != nullptr) {
-          __builtin_prefetch(&page[v & BigIntArray64::PAGE_MASK]);
-        }
+        prefetchSlot(numbers, ahead.next());
       }
     }
     if (i - 4 >= 2) {
@@ -186,7 +189,7 @@ void DominatorComputer::computeSemidominators() {
       }
     }
     jint& semiW = at(i, SEMI);
-    if (!myRoots.contains(at(i, VERTEX))) {
+    if (!isMarked(myStorage->myVisited, i)) {
       referrersOf(i, &referrers);
       while (referrers.hasNext()) {
         // A referrer that the search never reached, left out by the marks or not, has no
@@ -273,32 +276,26 @@ void DominatorComputer::compress(jint v) {
 void DominatorComputer::addUpRetainedSizes() {
   // Going down the numbers meets every node after all those it dominates, as a dominator's number
   // is below those of the nodes it dominates: no counts of children and no frontier are needed.
+  // What a node holds beyond itself waits in its own slots until its turn.
   BigIntArray64& sizes = myStorage->mySizes;
-  auto setRetained = [this](jint number, jlong size) {
-    at(number, RETAINED_HIGH) = static_cast<jint>(size >> 32);
-    at(number, RETAINED_LOW) = static_cast<jint>(size);
-  };
-  auto getRetained = [this](jint number) {
+  BigIntArray64& retainedSizes = myStorage->myRetainedSizes;
+  auto getHeld = [this](jint number) {
     return (static_cast<jlong>(at(number, RETAINED_HIGH)) << 32) |
            static_cast<jlong>(static_cast<uint32_t>(at(number, RETAINED_LOW)));
   };
-  for (jint i = 2; i <= myDFSCount; i++) {
-    if (i + 16 <= myDFSCount) {
-      jint ahead = at(i + 16, VERTEX);
-      jint* page = sizes.getBuffer(ahead, false);
-      if (page != nullptr) {
-        __builtin_prefetch(&page[ahead & BigIntArray64::PAGE_MASK]);
-      }
-    }
-    jint size = sizes.get(at(i, VERTEX));
-    setRetained(i, size == -1 ? 0 : size);
-  }
-  setRetained(1, 0);
   for (jint i = myDFSCount; i >= 2; i--) {
+    if (i - 16 >= 2) {
+      jint ahead = at(i - 16, VERTEX);
+      prefetchSlot(sizes, ahead);
+      prefetchSlot(retainedSizes, 2 * ahead);
+    }
+    jint object = at(i, VERTEX);
+    jint size = sizes.get(object);
+    jlong retained = getHeld(i) + (size == -1 ? 0 : size);
+    myStorage->setRetainedSize(object, retained);
     jint d = at(i, DOMINATOR);
-    setRetained(d, getRetained(d) + getRetained(i));
-  }
-  for (jint i = 2; i <= myDFSCount; i++) {
-    myStorage->setRetainedSize(at(i, VERTEX), getRetained(i));
+    jlong held = getHeld(d) + retained;
+    at(d, RETAINED_HIGH) = static_cast<jint>(held >> 32);
+    at(d, RETAINED_LOW) = static_cast<jint>(held);
   }
 }

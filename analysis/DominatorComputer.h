@@ -4,7 +4,6 @@
 #include <jni.h>
 #include <stdint.h>
 
-#include "agent/KSet.h"
 #include "agent/KVector.h"
 #include "analysis/BigIntArray64.h"
 #include "analysis/ObjectStorage.h"
@@ -65,6 +64,12 @@ class DominatorComputer {
   bool takes(const jint* visited, jint target) {
     return target != 0 && !isMarked(visited, target) && isMarked(myMarks, target);
   }
+  static void prefetchSlot(BigIntArray64& array, jint index) {
+    const jint* page = array.getBuffer(index, false);
+    if (page != nullptr) {
+      __builtin_prefetch(&page[index & BigIntArray64::PAGE_MASK]);
+    }
+  }
   void prefetchNode(jint number) { __builtin_prefetch(&myData.getBlock()[static_cast<jlong>(number) * FIELDS]); }
   void addToBucket(jint bucketOwner, jint number);
   void processBucket(jint bucketOwner);
@@ -74,7 +79,6 @@ class DominatorComputer {
   BigIntArray64Presized myData;  // "da"
   jint mySentinel;
   jint myDFSCount;
-  KSet<jint> myRoots;
   const jint* myRoots0;
   jint myRootCount;
   const jint* myMarks;
