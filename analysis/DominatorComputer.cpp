@@ -124,6 +124,12 @@ void DominatorComputer::depthFirstSearchDom(JNIEnv* env, jint* visited, RefTable
       candidates.set(low, candidates.get(high));
       candidates.set(high, swap);
     }
+    // The candidate below this node's own comes next when this node's subtree is done, often
+    // soon, as most subtrees are small; its entry of the table was asked for when it was pushed
+    // and is here by now, so its references can be asked for too.
+    if (first > 0) {
+      prefetchSlot(targets, startAndCount[2 * candidates.get(first - 1)]);
+    }
   }
 }
 
