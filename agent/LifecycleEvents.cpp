@@ -127,6 +127,11 @@ void JNICALL threadStart(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {
   check_JVMTI_error(error);
   setCurrentThreadInfo(info);
   ourAllThreadInfos.add(info);
+  forEachEngine([&](const Engine& engine) {
+    if (engine.threadStarted != nullptr) {
+      engine.threadStarted(info);
+    }
+  });
 }
 
 void JNICALL threadEnd(jvmtiEnv* jvmti, JNIEnv* env, jthread thread) {

@@ -153,4 +153,5 @@ const Engine ourAllocationEngine = {
     nullptr,
     nullptr,
     nullptr,
+    nullptr,
 };

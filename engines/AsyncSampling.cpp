@@ -54,6 +54,7 @@ const jint WALK_NOT_WALKABLE_JAVA = -6;
 
 const char* const TRUNCATED_STACK_FRAME = "<truncated stack>";
 const char* const UNKNOWN_JAVA_FRAME = "<unknown Java>";
+const char* const UNSAMPLED_FRAME = "<ended before its first sample>";
 
 // More live threads than this sample the rest of the time without timers; each slot costs the
 // address space of a ring, of which only the touched pages are memory.
@@ -85,11 +86,14 @@ struct ThreadSlot {
   // The rest belongs to ourLock.
   bool myInUse;
   timer_t myTimer;
-  // Written by the thread's handler only (and before its timer exists): the CPU time that the
-  // timer's next first expiry stands for, and the state of the jitter's random numbers.
-  jlong myArmedNs;
+  // Written by the thread's handler only (and before its timer exists, and after it is gone):
+  // the thread's CPU clock where its last sample ended, and the state of the jitter's random
+  // numbers.
+  jlong myLastCPUNs;
   uint64_t myJitterState;
   SampleRing myRing;
+  // Under ourLock: the path of the thread's latest sample, -1 before the first.
+  jint myLastFrame;
 };
 
 std::atomic<ThreadSlot*> ourSlots[MAX_SLOTS];
@@ -234,28 +238,32 @@ void toTimeSpec(jlong ns, struct timespec* time) {
 }
 
 // Sets the timer's next expiry to a drawn interval (and the ones after it, should the thread
-// run on before the signal is taken, to the period), and notes what that expiry stands for.
+// run on before the signal is taken, to the period).
 void rearm(ThreadSlot* slot, jlong period) {
-  jlong next = nextInterval(slot, period);
   struct itimerspec spec;
   toTimeSpec(period, &spec.it_interval);
-  toTimeSpec(next, &spec.it_value);
-  if (timer_settime(slot->myTimer, 0, &spec, nullptr) == 0) {
-    slot->myArmedNs = next;
-  }
+  toTimeSpec(nextInterval(slot, period), &spec.it_value);
+  timer_settime(slot->myTimer, 0, &spec, nullptr);
 }
 
-void takeSample(ThreadSlot* slot, siginfo_t* info, void* context) {
-  // An expiry the kernel could not signal at once (the thread ran on for several periods in
-  // one tick) is counted as an overrun: the sample stands for all of them, after the drawn
-  // interval that the first one ended.
-  jlong period = ourPeriodNs.load(std::memory_order_relaxed);
-  jlong overruns = info->si_overrun > 0 ? info->si_overrun : 0;
-  SampleRing::Entry* entry = slot->myRing.beginWrite(slot->myArmedNs + overruns * period);
-  rearm(slot, period);
+jlong currentThreadCPUNs() {
+  struct timespec now = {0, 0};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<jlong>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+void takeSample(ThreadSlot* slot, void* context) {
+  // A sample stands for the CPU the thread burned since the last one ended, read from its clock:
+  // the kernel notices an expiry only at its next clock tick, often several periods late, and
+  // the time until then belongs to this sample too. A sample that finds the ring full leaves
+  // its time to the next one.
+  jlong now = currentThreadCPUNs();
+  SampleRing::Entry* entry = slot->myRing.beginWrite(now > slot->myLastCPUNs ? now - slot->myLastCPUNs : 0);
+  rearm(slot, ourPeriodNs.load(std::memory_order_relaxed));
   if (entry == nullptr) {
     return;
   }
+  slot->myLastCPUNs = now;
   if (ourTracing.load(std::memory_order_relaxed)) {
     ThreadInfo* threadInfo = slot->myInfo.load(std::memory_order_acquire);
     entry->myTracedFrame =
@@ -289,7 +297,7 @@ void onSignal(int signo, siginfo_t* info, void* context) {
   if (slot != nullptr && !slot->myBusy.exchange(true, std::memory_order_acquire)) {
     if ((slot->myGeneration.load(std::memory_order_acquire) & 0xffffU) == generation &&
         ourActive.load(std::memory_order_relaxed)) {
-      takeSample(slot, info, context);
+      takeSample(slot, context);
     }
     slot->myBusy.store(false, std::memory_order_release);
   }
@@ -374,6 +382,8 @@ void armThread(ThreadInfo* info) {
   uint32_t generation = slot->myGeneration.load() & 0xffffU;
   slot->myRing.reset();
   slot->myInfo.store(info, std::memory_order_release);
+  slot->myLastCPUNs = getThreadCPUTimeNs(static_cast<long>(info->myThreadID));
+  slot->myLastFrame = -1;
   struct sigevent event;
   memset(&event, 0, sizeof(event));
   event.sigev_notify = SIGEV_THREAD_ID;
@@ -391,10 +401,9 @@ void armThread(ThreadInfo* info) {
   jlong period = ourPeriodNs.load();
   // Each thread draws its own intervals; the seed only has to differ between threads.
   slot->myJitterState = (static_cast<uint64_t>(tid) << 32) ^ static_cast<uint64_t>(getTimeNs()) ^ 0x9e3779b97f4a7c15ULL;
-  slot->myArmedNs = nextInterval(slot, period);
   struct itimerspec spec;
   toTimeSpec(period, &spec.it_interval);
-  toTimeSpec(slot->myArmedNs, &spec.it_value);
+  toTimeSpec(nextInterval(slot, period), &spec.it_value);
   if (timer_settime(slot->myTimer, 0, &spec, nullptr) != 0) {
     timer_delete(slot->myTimer);
     slot->myInfo.store(nullptr);
@@ -405,13 +414,13 @@ void armThread(ThreadInfo* info) {
   ourSlotOfThread.put(info, index);
 }
 
-void armNewThreads() {
-  forEachLiveThread([&](ThreadInfo* info) {
-    if (!info->myIsAgentThread && info->myThreadID != 0 && !ourSlotOfThread.containsKey(info)) {
-      armThread(info);
-    }
-  });
+void armIfUnarmed(ThreadInfo* info) {
+  if (!info->myIsAgentThread && info->myThreadID != 0 && !ourSlotOfThread.containsKey(info)) {
+    armThread(info);
+  }
 }
+
+void armNewThreads() { forEachLiveThread(armIfUnarmed); }
 
 // Deletes the slot's timer and waits for a handler that may still be writing, so that the
 // slot can serve another thread.
@@ -509,6 +518,9 @@ void drainSlot(JNIEnv* env, ThreadSlot* slot, ThreadInfo* info) {
       frame = frameOfWalk(env, *entry);
     }
     chargeCPU(info, frame, entry->myCPUTimeNs);
+    if (frame != -1) {
+      slot->myLastFrame = frame;
+    }
     slot->myRing.pop();
   }
 }
@@ -661,6 +673,32 @@ void setEventHandlers(jvmtiEventCallbacks* callbacks) { callbacks->ClassPrepare 
 
 const jvmtiEvent EVENTS_AT_LOAD[] = {JVMTI_EVENT_CLASS_PREPARE};
 
+// The kernel looks at a thread's CPU timer only at its clock tick (every 4 ms on a kernel of
+// 250 Hz), so the CPU a thread burns after its last sample is never signalled: threads that live
+// a few milliseconds lost more than half of their time. The ending thread books that rest to the
+// path of its last sample, the best guess there is, or, when it ended before its first sample,
+// under UNSAMPLED_FRAME, so that its total stays its own CPU time. Runs on the ending thread.
+void bookUnsampledTail(ThreadSlot* slot, ThreadInfo* info) {
+  jlong rest = currentThreadCPUNs() - slot->myLastCPUNs;
+  if (rest <= 0) {
+    return;
+  }
+  jint frame = slot->myLastFrame;
+  if (frame == -1 || frame == 0) {
+    frame = ourFrameStorage.getChild(0, pseudoMethod(UNSAMPLED_FRAME));
+  }
+  chargeCPU(info, frame, rest);
+}
+
+// A thread that starts while the sampler runs gets its timer at once, before it burns anything:
+// the drainer's round would come too late for threads that live a few milliseconds, and their
+// time would be missing from the totals.
+void threadStarted(ThreadInfo* info) {
+  if (ourActive.load()) {
+    armIfUnarmed(info);
+  }
+}
+
 // A thread's queued samples are booked while its ThreadInfo still exists, and its slot is
 // handed back. Runs on the ending thread, so its own handler can't be running.
 void threadEnded(ThreadInfo* info) {
@@ -678,6 +716,7 @@ void threadEnded(ThreadInfo* info) {
   if (ourVM->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) == JNI_OK && env != nullptr) {
     drainSlot(env, slot, info);
   }
+  bookUnsampledTail(slot, info);
   slot->myRing.reset();
   slot->myInfo.store(nullptr);
   slot->myInUse = false;
@@ -794,6 +833,7 @@ const Engine ourAsyncSamplingEngine = {
     startDrainer,
     NativeList{nullptr, 0},
     NativeList{nullptr, 0},
+    threadStarted,
     threadEnded,
     nullptr,
     beforeTablesWritten,

@@ -221,6 +221,7 @@ const Engine ourCPUEngine = {
     startSamplerThread,
     nativeList(CORE_NATIVES),
     nativeList(CALLBACK_NATIVES),
+    nullptr,
     threadEnded,
     nullptr,
     beforeTablesWritten,

@@ -69,6 +69,9 @@ struct Engine {
   // Natives of the Callback class that its probes reach, registered at VM Start.
   NativeList myCallbackNatives;
 
+  // A thread has started and has just been given its ThreadInfo; runs on that thread. Caller
+  // holds ourLock.
+  void (*threadStarted)(ThreadInfo* info);
   // A live thread has ended; its ThreadInfo is destroyed right after. Caller holds ourLock.
   void (*threadEnded)(ThreadInfo* info);
   // The dead threads whose running numbers are in 'folded' are being folded into the

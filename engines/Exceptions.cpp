@@ -195,6 +195,7 @@ const Engine ourExceptionEngine = {
     nativeList(CORE_NATIVES),
     NativeList{nullptr, 0},
     nullptr,
+    nullptr,
     Exceptions::mergeExceptionUsage,
     nullptr,
 };

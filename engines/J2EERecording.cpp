@@ -159,6 +159,7 @@ const Engine ourJ2EEEngine = {
     NativeList{nullptr, 0},
     nativeList(CALLBACK_NATIVES),
     nullptr,
+    nullptr,
     foldThreads,
     nullptr,
 };

@@ -141,6 +141,7 @@ const Engine ourMonitorEngine = {
     nativeList(CORE_NATIVES),
     nativeList(CALLBACK_NATIVES),
     nullptr,
+    nullptr,
     Monitors::mergeMonitorUsage,
     beforeTablesWritten,
 };

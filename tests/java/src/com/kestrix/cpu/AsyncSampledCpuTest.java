@@ -159,4 +159,37 @@ class AsyncSampledCpuTest {
             }
         }
     }
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void aMinuteOfThreadsThatStartThrowAllocateAndEndAmidUnloadedClassesAndCapturesKeepsItsTotal(Path jdk,
+            @TempDir Path dir) throws Exception {
+        int port = LiveAgent.freePort();
+        try (LiveAgent agent = LiveAgent.launchProgram(jdk, dir,
+                "port=" + port + ",dir=" + dir + ",asyncsampling,samplingperiod=1,onexit=snapshot", port,
+                "com.kestrix.programs.SamplerStress", "-Dstress.seconds=60")) {
+            agent.awaitStdout("ready", 60);
+            agent.awaitStderr(LiveAgent.LISTENING + port + "...", 60);
+            agent.kjpOk("periodic", "5");
+            assertEquals(0, agent.waitFor(600), agent.stdout() + agent.stderr());
+            long cpu = -1;
+            for (String line : agent.stdout().split("\n")) {
+                if (line.startsWith("cpu ")) {
+                    cpu = Long.parseLong(line.substring(4).trim());
+                }
+            }
+            assertTrue(cpu > 10_000_000_000L, agent.stdout());
+            assertTrue(agent.snapshots(".snapshot").size() >= 6, agent.snapshots("").toString());
+            List<Path> exit = agent.snapshots("shutdown");
+            assertEquals(1, exit.size(), agent.snapshots("").toString());
+            CpuProfile profile = CpuProfile.read(exit.get(0));
+            long sampled = profile.threads().stream().filter(t -> !t.startsWith("KJPAgent-"))
+                    .mapToLong(profile::threadTime).sum();
+            // A thread's timer is set as it starts and its last samples are booked as it ends, so
+            // what the samples stand for is the threads' own CPU; some 60,000 samples of one period
+            // each leave a standard error far below the 5% allowed.
+            assertTrue(Math.abs(sampled - cpu) <= cpu / 20,
+                    String.format("sampled %,d ns against the threads' own %,d ns", sampled, cpu));
+        }
+    }
+
 }
