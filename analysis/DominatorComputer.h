@@ -41,8 +41,8 @@ class DominatorComputer {
   // immediate dominator always has a smaller number than the node.
   jint getVertex(jint number) { return at(number, VERTEX); }
 
-  // The retained sizes of the objects the search reached, into the storage's "rs", in the data
-  // that the computation needs no longer; the others' are left as they are.
+  // The retained sizes of the objects the search reached, into the storage's "rs", summed in the
+  // data that the computation needs no longer; the others' are left as they are. Once only.
   void addUpRetainedSizes();
 
  private:

@@ -31,7 +31,10 @@ typedef std::vector<std::vector<int>> Graph;  // node 1..n-1 -> targets; node 0 
 // all objects, dominators and retained sizes computed from 'roots'.
 struct Analysed {
   ObjectStorage storage;
-  Analysed(const Graph& graph, const std::vector<int>& sizes, std::vector<int> roots)
+  // 'leftOut' have their bits clear in the marks of the computation, not in those of the back
+  // references, so that they still stand in the table as referrers.
+  Analysed(const Graph& graph, const std::vector<int>& sizes, std::vector<int> roots,
+           const std::vector<int>& leftOut = {})
       : storage(nullptr, static_cast<jint>(graph.size()), true) {
     jint n = storage.myObjectCount;
     for (jint i = 1; i < n; i++) {
@@ -45,6 +48,9 @@ struct Analysed {
     storage.myBackRefTable = buildBackReferences(nullptr, &storage, all.data(), counts.data());
     for (jint c : counts) {
       EXPECT_EQ(0, c);
+    }
+    for (int o : leftOut) {
+      clearMark(all.data(), o);
     }
     computeDominatorsAndRetainedSizes(nullptr, &storage, roots.data(), static_cast<jint>(roots.size()), all.data());
   }
@@ -296,6 +302,13 @@ TEST(HeapAnalysisTest, RootsUnreachableObjectsAndSharedObjects) {
   EXPECT_EQ(30, a.storage.getRetainedSize(3));
   EXPECT_EQ(40, a.storage.getRetainedSize(4));  // a leaf keeps its shallow size
   EXPECT_EQ(70, a.storage.getRetainedSize(7));
+
+  // Root 2 left out by the marks: neither a node nor a referrer of 4, which only 3 holds now.
+  Analysed without2(graph, sizes, {1, 2, 5}, {2});
+  EXPECT_EQ(0, without2.dom(2));
+  EXPECT_EQ(3, without2.dom(4));
+  EXPECT_EQ(10 + 30 + 40, without2.storage.getRetainedSize(1));
+  EXPECT_EQ(20, without2.storage.getRetainedSize(2));
 
   std::vector<jint> bits(static_cast<size_t>(a.storage.getBitSetLength()), 0);
   EXPECT_EQ(0, sumShallowSizes(&a.storage, bits.data()));
