@@ -159,19 +159,32 @@ void DominatorComputer::processBucket(jint bucketOwner) {
 void DominatorComputer::computeSemidominators() {
   RefTable* backRefs = myStorage->myBackRefTable;
   BigIntArray64& numbers = myStorage->myDominators;
-  BigIntArrayIterator referrers;
   // The nodes come by falling number, their own data in a row; what lies elsewhere is asked for
   // ahead, in stages, so that the misses overlap: 24 nodes ahead the entry of the table of
   // referrers, 16 ahead the run of referrers, 8 ahead the referrers' numbers, 4 ahead the
   // referrers' data.
   const jint* startAndCount = backRefs->getStartAndCount();
   BigIntArray64& referrerSlots = backRefs->getRefs();
-  auto referrersOf = [&](jint i, BigIntArrayIterator* iterator) {
+  // Calls visit(referrer) for each referrer of the node numbered i. A run mostly lies in one page
+  // of the table, and is then read straight from it.
+  auto forEachReferrer = [&](jint i, auto visit) {
     jint w = at(i, VERTEX);
     jint start = startAndCount[2 * w];
-    iterator->init(&referrerSlots, start, start + startAndCount[2 * w + 1]);
+    jint count = startAndCount[2 * w + 1];
+    const jint* page = count == 0 ? nullptr : referrerSlots.getBuffer(start, false);
+    jint offset = start & BigIntArray64::PAGE_MASK;
+    if (page != nullptr && offset + count <= BigIntArray64::PAGE_SIZE) {
+      for (const jint* run = page + offset; run < page + offset + count; run++) {
+        visit(*run);
+      }
+    } else if (count > 0) {
+      BigIntArrayIterator run;
+      run.init(&referrerSlots, start, start + count);
+      while (run.hasNext()) {
+        visit(run.next());
+      }
+    }
   };
-  BigIntArrayIterator ahead;
   for (jint i = myDFSCount; i >= 2; i--) {
     if (i - 24 >= 2) {
       __builtin_prefetch(&startAndCount[2 * at(i - 24, VERTEX)]);
@@ -183,32 +196,24 @@ void DominatorComputer::computeSemidominators() {
       }
     }
     if (i - 8 >= 2) {
-      referrersOf(i - 8, &ahead);
-      while (ahead.hasNext()) {
-        prefetchSlot(numbers, ahead.next());
-      }
+      forEachReferrer(i - 8, [&numbers](jint v) { prefetchSlot(numbers, v); });
     }
     if (i - 4 >= 2) {
-      referrersOf(i - 4, &ahead);
-      while (ahead.hasNext()) {
-        prefetchNode(numbers.get(ahead.next()));
-      }
+      forEachReferrer(i - 4, [this, &numbers](jint v) { prefetchNode(numbers.get(v)); });
     }
     jint& semiW = at(i, SEMI);
     if (!isMarked(myStorage->myVisited, i)) {
-      referrersOf(i, &referrers);
-      while (referrers.hasNext()) {
+      forEachReferrer(i, [&](jint referrer) {
         // A referrer that the search never reached, left out by the marks or not, has no
         // number: it is no predecessor in the graph computed.
-        jint v = numbers.get(referrers.next());
-        if (v == 0) {
-          continue;
+        jint v = numbers.get(referrer);
+        if (v != 0) {
+          jint u = eval(v);
+          if (at(u, SEMI) < semiW) {
+            semiW = at(u, SEMI);
+          }
         }
-        jint u = eval(v);
-        if (at(u, SEMI) < semiW) {
-          semiW = at(u, SEMI);
-        }
-      }
+      });
     } else {
       // The virtual root stands in front of every root.
       jint u = eval(1);
