@@ -119,6 +119,8 @@ class BigIntArray64Presized {
   jlong getLength() const { return myLength; }
 
  private:
+  size_t mappedBytes() const { return static_cast<size_t>(myLength) * sizeof(jint); }
+
   jint* myBlock;
   jlong myLength;
   KString myName;
