@@ -255,15 +255,15 @@ jlong currentThreadCPUNs() {
 void takeSample(ThreadSlot* slot, void* context) {
   // A sample stands for the CPU the thread burned since the last one ended, read from its clock:
   // the kernel notices an expiry only at its next clock tick, often several periods late, and
-  // the time until then belongs to this sample too. A sample that finds the ring full leaves
-  // its time to the next one.
+  // the time until then belongs to this sample too. A sample that finds the ring full has its
+  // time carried by the ring into the next entry.
   jlong now = currentThreadCPUNs();
   SampleRing::Entry* entry = slot->myRing.beginWrite(now > slot->myLastCPUNs ? now - slot->myLastCPUNs : 0);
+  slot->myLastCPUNs = now;
   rearm(slot, ourPeriodNs.load(std::memory_order_relaxed));
   if (entry == nullptr) {
     return;
   }
-  slot->myLastCPUNs = now;
   if (ourTracing.load(std::memory_order_relaxed)) {
     ThreadInfo* threadInfo = slot->myInfo.load(std::memory_order_acquire);
     entry->myTracedFrame =
@@ -679,7 +679,7 @@ const jvmtiEvent EVENTS_AT_LOAD[] = {JVMTI_EVENT_CLASS_PREPARE};
 // path of its last sample, the best guess there is, or, when it ended before its first sample,
 // under UNSAMPLED_FRAME, so that its total stays its own CPU time. Runs on the ending thread.
 void bookUnsampledTail(ThreadSlot* slot, ThreadInfo* info) {
-  jlong rest = currentThreadCPUNs() - slot->myLastCPUNs;
+  jlong rest = currentThreadCPUNs() - slot->myLastCPUNs + slot->myRing.carriedNs();
   if (rest <= 0) {
     return;
   }
