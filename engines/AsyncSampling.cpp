@@ -26,6 +26,7 @@
 #include "engines/KMethod.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
+#include "engines/TracingGate.h"
 
 #ifndef sigev_notify_thread_id
 #define sigev_notify_thread_id _sigev_un._tid
@@ -620,6 +621,8 @@ void JNICALL drainerEntry(jvmtiEnv* jvmti, JNIEnv* env, void*) {
     }
     LockHolder holder(&ourLock, "AsyncSampling(360)");
     if (ourActive.load()) {
+      // Traced calls move the threads' frames without ourLock.
+      TracingGate::Closure framesStill(ourTracing.load());
       drainerPass(env);
     }
   }

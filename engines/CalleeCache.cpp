@@ -1,10 +1,16 @@
 #include "engines/CalleeCache.h"
 
 void CalleeCache::put(jint parent, jint method, jint frame, jint flags, CPUProfilingRecord* record) {
-  if (myEntries == nullptr) {
-    myEntries = new Entry[SIZE]();
+  if (myEntries != nullptr && ++myPuts > 2 * capacity() && myBits < MAX_BITS) {
+    delete[] myEntries;
+    myEntries = nullptr;
+    myBits++;
   }
-  Entry& entry = myEntries[slot(parent, method)];
+  if (myEntries == nullptr) {
+    myEntries = new Entry[capacity()]();
+    myPuts = 0;
+  }
+  Entry& entry = myEntries[slot(parent, method, myBits)];
   entry.myParent = parent;
   entry.myMethod = method;
   entry.myFrame = frame;

@@ -11,6 +11,7 @@
 #include "db/DB.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
+#include "engines/TracingGate.h"
 
 namespace {
 
@@ -97,6 +98,8 @@ void samplingPass(JNIEnv* env, jlong wall) {
   if (!takeAllStacks(&stacks, &threadCount)) {
     return;
   }
+  // Traced calls move the threads' frames without ourLock.
+  TracingGate::Closure framesStill((ourStatus & CPU_COUNTS_BIT) != 0);
   for (jint i = 0; i < threadCount; i++) {
     ThreadInfo* info = profiledThread(stacks[i]);
     if (info == nullptr) {

@@ -139,10 +139,9 @@ void rebuildTracedCalls(ThreadInfo* info, jint frame) {
   }
 }
 
-// The part of isMethodTracingActive that needs no lock, for probes that time calls.
-inline bool isRecordingTimedCalls() {
-  return (ourStatus & CPU_COUNTS_BIT) != 0 && tracingReadsThreadClock() && ourVMInitCalled &&
-         !ourVMDeathCalled;
+// The part of isMethodTracingActive that needs no lock, for the probes' lock-free paths.
+inline bool isRecordingTracedCalls() {
+  return (ourStatus & CPU_COUNTS_BIT) != 0 && ourVMInitCalled && !ourVMDeathCalled;
 }
 
 // The open call the thread is in, when its traced calls describe it.
@@ -158,7 +157,8 @@ inline TracedCall* currentTracedCall(ThreadInfo* info) {
 // no lock. Everything else takes ourLock: rebuilding a stack, a call not made before from its
 // frame (the tree and the rows are shared), closing a call that a rebuild found. Whoever looks at
 // other threads' calls or rows closes the gate under ourLock, and then sees what they would see
-// if every probe took the lock. The bit stack and the method flags are read outside both.
+// if every probe took the lock; with sampled times that includes the samplers, which read the
+// threads' frames and add to their rows. The bit stack and the method flags are read outside both.
 //
 // The clocks are read before either: the entry and exit times are the calling thread's own clock.
 // A reading can be older than something that happened while the thread waited for ourLock:
@@ -175,7 +175,7 @@ namespace {
 // method flags nor the skip test. The clock is read inside the section: a closer waits for one
 // system call at most.
 inline bool enterKnownCallee(ThreadInfo* info, jint methodIndex) {
-  if (!isRecordingTimedCalls() || !TracingGate::enter(info)) {
+  if (!isRecordingTracedCalls() || !TracingGate::enter(info)) {
     return false;
   }
   jint parent = info->myCurrentFrameIndex;
@@ -193,8 +193,10 @@ inline bool enterKnownCallee(ThreadInfo* info, jint methodIndex) {
     info->myCurrentFrameIndex = callee->myFrame;
     callee->myRecord->count++;
     callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
-    // The clock last, so that the call's time holds as little of the probe as it can.
-    info->myEntryTimesNs.push(probeClock(isWallTime));
+    if (tracingReadsThreadClock()) {
+      // The clock last, so that the call's time holds as little of the probe as it can.
+      info->myEntryTimesNs.push(probeClock(isWallTime));
+    }
   }
   TracingGate::leave(info);
   return callee != nullptr;
@@ -291,16 +293,19 @@ inline void chargeCall(ThreadInfo* info, CPUProfilingRecord* record, bool isWall
 // Records the exit of a call whose entry was recorded, without ourLock; false when the locked
 // path must record it instead. The open call tells the clock, so the method flags aren't read.
 inline bool exitTracedCall(ThreadInfo* info, jint methodIndex) {
-  if (!isRecordingTimedCalls() || !TracingGate::enter(info)) {
+  if (!isRecordingTracedCalls() || !TracingGate::enter(info)) {
     return false;
   }
+  bool timing = tracingReadsThreadClock();
   TracedCall* call = currentTracedCall(info);
   bool done = call != nullptr && call->myMethodIndex == methodIndex && call->myRecord != nullptr &&
-              !info->myEntryTimesNs.isEmpty();
+              (!timing || !info->myEntryTimesNs.isEmpty());
   if (done) {
     jlong now = probeClock(call->myIsWallTime);
     info->myCurrentFrameIndex = call->myParentFrame;
-    chargeCall(info, call->myRecord, call->myIsWallTime, now);
+    if (timing) {
+      chargeCall(info, call->myRecord, call->myIsWallTime, now);
+    }
     info->myTracedCalls.pop();
   }
   TracingGate::leave(info);

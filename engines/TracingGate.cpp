@@ -44,8 +44,8 @@ void TracingGate::init() {
   ourClosed.store(false, std::memory_order_release);
 }
 
-TracingGate::Closure::Closure() {
-  if (!ourUsable || ourClosureDepth++ > 0) {
+TracingGate::Closure::Closure(bool close) : myClosing(close) {
+  if (!myClosing || !ourUsable || ourClosureDepth++ > 0) {
     return;
   }
   ourClosed.store(true, std::memory_order_relaxed);
@@ -57,7 +57,7 @@ TracingGate::Closure::Closure() {
 }
 
 TracingGate::Closure::~Closure() {
-  if (!ourUsable || --ourClosureDepth > 0) {
+  if (!myClosing || !ourUsable || --ourClosureDepth > 0) {
     return;
   }
   ourClosed.store(false, std::memory_order_release);

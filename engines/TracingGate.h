@@ -50,14 +50,18 @@ class TracingGate {
   // tracing state.
   static bool isClosed() { return ourClosed.load(std::memory_order_relaxed); }
 
-  // Closes the gate for its lifetime and waits until no thread is inside a lock-free section.
+  // Closes the gate for its lifetime and waits until no thread is inside a lock-free section;
+  // with 'close' false it does nothing, for callers that need the gate closed only sometimes.
   // The caller holds ourLock, which also guards the nesting count.
   class Closure {
    public:
-    Closure();
+    explicit Closure(bool close = true);
     ~Closure();
     Closure(const Closure&) = delete;
     Closure& operator=(const Closure&) = delete;
+
+   private:
+    bool myClosing;
   };
 
  private:

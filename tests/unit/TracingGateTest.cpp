@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CPUTestSupport.h"
+#include "agent/CPUTime.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
 #include "engines/TracingGate.h"
@@ -42,7 +43,21 @@ class LockFreeTracingTest : public TracedThreadTest {
   }
 };
 
-TEST_F(LockFreeTracingTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsOurLock) {
+// With times from the thread clock and with sampled times (where the probes only count).
+class LockFreeTracingTimesTest : public LockFreeTracingTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    LockFreeTracingTest::SetUp();
+    ourTracingTimesSampled = GetParam();
+  }
+
+  void TearDown() override {
+    ourTracingTimesSampled = false;
+    LockFreeTracingTest::TearDown();
+  }
+};
+
+TEST_P(LockFreeTracingTimesTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsOurLock) {
   CallPattern p = makeCallPattern();
   jint loop = p.loop, a = p.a, b = p.b, lib = p.lib, libInner = p.libInner;
   // The first round makes the frames and rows, under ourLock.
@@ -88,7 +103,16 @@ TEST_F(LockFreeTracingTest, KnownCallsAreRecordedExactlyWhileAnotherThreadHoldsO
   EXPECT_EQ(100, countOn({loop, lib}));
   EXPECT_EQ(100, countOn({loop, lib, a}));
   EXPECT_EQ(-1, pathFrame({loop, lib, libInner}));
+  if (GetParam()) {
+    EXPECT_TRUE(myThread->myEntryTimesNs.isEmpty());
+    EXPECT_EQ(0, cpuRow(myThread, pathFrame({loop, b, a}))->time) << "sampled times come from the sampler only";
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(TimeSources, LockFreeTracingTimesTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& source) {
+                           return source.param ? "SampledTimes" : "ClockTimes";
+                         });
 
 TEST_F(LockFreeTracingTest, AClosedGateWaitsForACallInProgressAndTurnsProbesToTheLock) {
   std::atomic<bool> inside(false);
@@ -279,6 +303,44 @@ TEST(CalleeCacheTest, PairsAreFoundUntilReplacedOrCleared) {
   }
   cache.clear();
   EXPECT_EQ(nullptr, cache.find(1999, 7));
+}
+
+// Pairs called round after round, as a thread does, with a put for every miss.
+int missesInRound(CalleeCache& cache, jint pairs, CPUProfilingRecord* row) {
+  int misses = 0;
+  for (jint parent = 0; parent < pairs; parent++) {
+    if (cache.find(parent, 3) == nullptr) {
+      misses++;
+      cache.put(parent, 3, parent + 1, 0, row);
+    }
+  }
+  return misses;
+}
+
+TEST(CalleeCacheTest, GrowsWhilePairsPushEachOtherOutAndStaysSmallOtherwise) {
+  CPUProfilingRecord row = {};
+  CalleeCache few;
+  for (int round = 0; round < 50; round++) {
+    missesInRound(few, 40, &row);
+  }
+  EXPECT_EQ(256, few.capacity());
+
+  // 3,000 pairs missed nearly every time in 256 slots; grown, they fit, and most are found.
+  CalleeCache many;
+  for (int round = 0; round < 30; round++) {
+    missesInRound(many, 3000, &row);
+  }
+  EXPECT_GE(many.capacity(), 4096);
+  EXPECT_LT(missesInRound(many, 3000, &row), 3000 / 4);
+  many.clear();
+  EXPECT_GE(many.capacity(), 4096) << "a cleared cache keeps its size";
+
+  // The size stops at its cap however many pairs there are.
+  CalleeCache huge;
+  for (int round = 0; round < 20; round++) {
+    missesInRound(huge, 100000, &row);
+  }
+  EXPECT_EQ(16384, huge.capacity());
 }
 
 }  // namespace

@@ -24,14 +24,22 @@ class TracedCpuTest {
 
     @TempDir
     static Path ourDir;
-    private static final Map<Path, CpuProfile> ourProfiles = new HashMap<>();
+    private static final Map<String, CpuProfile> ourProfiles = new HashMap<>();
+    /** Exact counts from the probes, times from the signal-driven sampler. */
+    static final String SAMPLED_TIMES = "asyncsampling,tracingtimes=sampled";
 
     static List<Path> jdks() {
         return Jvm.jdks();
     }
 
-    static synchronized CpuProfile traced(Path jdk) throws Exception {
-        CpuProfile profile = ourProfiles.get(jdk);
+    static CpuProfile traced(Path jdk) throws Exception {
+        return traced(jdk, "");
+    }
+
+    /** One run per JDK and set of extra options ("" for times from the thread clock). */
+    static synchronized CpuProfile traced(Path jdk, String extraOptions) throws Exception {
+        String key = jdk + " " + extraOptions;
+        CpuProfile profile = ourProfiles.get(key);
         if (profile == null) {
             Path dir = Files.createTempDirectory(ourDir, "run");
             StringBuilder filters = new StringBuilder("# the default packages and the test library\n");
@@ -41,9 +49,11 @@ class TracedCpuTest {
             Path filterFile = Files.writeString(dir.resolve("filters.txt"), filters);
             Path wallTime = Files.writeString(dir.resolve("walltime.txt"), CpuProfile.PROGRAM + " wallBlocked *\n");
             Path snapshots = Files.createDirectory(dir.resolve("snapshots"));
-            profile = CpuProfile.record(jdk, snapshots, "tracing,filters=" + filterFile + ",walltimespec=" + wallTime,
-                    "count:" + TICKS, "spin:1000", "library:" + LIBRARY_CALLS, "idle:" + WALL_MILLIS);
-            ourProfiles.put(jdk, profile);
+            String options = "tracing,filters=" + filterFile + ",walltimespec=" + wallTime
+                    + (extraOptions.isEmpty() ? "" : "," + extraOptions);
+            profile = CpuProfile.record(jdk, snapshots, options, "count:" + TICKS, "spin:1000",
+                    "library:" + LIBRARY_CALLS, "idle:" + WALL_MILLIS);
+            ourProfiles.put(key, profile);
         }
         return profile;
     }
@@ -88,6 +98,33 @@ class TracedCpuTest {
         long charged = profile.timeEndingWith("blocked", program("wallBlocked"));
         assertTrue(Math.abs(charged - blockedWall) <= blockedWall / 10,
                 "charged " + charged + " ns against " + blockedWall + " ns blocked\n" + profile.dump("blocked"));
+    }
+
+    @ParameterizedTest
+    @MethodSource("jdks")
+    void withSampledTimesTheCountsStayExactAndTheSamplesTimeTheSpin(Path jdk) throws Exception {
+        // The probes record known calls without ourLock here as well, while the sampler's drains
+        // read the same threads' frames.
+        CpuProfile profile = traced(jdk, SAMPLED_TIMES);
+        String loop = program("countLoop");
+        assertEquals(1, profile.countEndingWith("counter", loop), profile.dump("counter"));
+        assertEquals(TICKS, profile.countEndingWith("counter", loop, program("tick")), profile.dump("counter"));
+        assertEquals(TICKS, profile.countEndingWith("counter", loop, program("tick"), program("lcg")),
+                profile.dump("counter"));
+        String app = program("appWork");
+        String outer = "com.kestrix.programs.lib.LibA.outer";
+        assertEquals(LIBRARY_CALLS, profile.countEndingWith("library", app, outer), profile.dump("library"));
+        assertEquals(LIBRARY_CALLS, profile.countEndingWith("library", app, outer, program("callback")),
+                profile.dump("library"));
+
+        // A second of spinning at the 20 ms default period: some 50 samples, each standing for the
+        // CPU its thread burned since the one before.
+        long measured = profile.printed("spinner cpu ns");
+        String spin = program("spinFor");
+        assertEquals(1, profile.countEndingWith("spinner", spin), profile.dump("spinner"));
+        long sampled = profile.timeEndingWith("spinner", spin);
+        assertTrue(Math.abs(sampled - measured) <= measured / 10 + 40_000_000L,
+                "sampled " + sampled + " ns against " + measured + " ns measured\n" + profile.dump("spinner"));
     }
 
     @ParameterizedTest
