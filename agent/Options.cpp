@@ -75,6 +75,9 @@ const char* const USAGE_LINES[] = {
     "tracingtimes=sampled|clock",
     "                   tracing takes its times from samples, or from the thread CPU clock at",
     "                   every call (by default the clock, unless reading it is slow)",
+    "asynctimer=perf|posix",
+    "                   the timers of 'asyncsampling': the kernel's perf task clock (the default",
+    "                   where the kernel allows it) or POSIX CPU timers, which fire at clock ticks",
     "alloc              startup with object allocation recording of every allocation",
     "allocadaptive      startup with object allocation recording of every 10th allocation",
     "                   and of every object of at least 1 MB",
@@ -202,6 +205,7 @@ void Options::setDefaults() {
   myAsyncSampling = false;
   myTracing = false;
   myTracingTimes = TRACING_TIMES_AUTO;
+  myAsyncTimer = ASYNC_TIMER_AUTO;
   myNoJ2EE = false;
   myDisableAlloc = false;
   myDisableCounts = false;
@@ -358,6 +362,14 @@ bool Options::parseOption(const char* token) {
       myTracingTimes = TRACING_TIMES_CLOCK;
     } else {
       return reportError("%s: 'tracingtimes=' takes 'sampled' or 'clock'\n\n");
+    }
+  } else if ((value = valueOf(option, "asynctimer=")) != nullptr) {
+    if (strcmp(value, "perf") == 0) {
+      myAsyncTimer = ASYNC_TIMER_PERF;
+    } else if (strcmp(value, "posix") == 0) {
+      myAsyncTimer = ASYNC_TIMER_POSIX;
+    } else {
+      return reportError("%s: 'asynctimer=' takes 'perf' or 'posix'\n\n");
     }
   } else if (strcmp(option, "alloc") == 0) {
     myAllocAtStart = true;

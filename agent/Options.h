@@ -62,6 +62,11 @@ class Options {
   static const int TRACING_TIMES_AUTO = 0;
   static const int TRACING_TIMES_SAMPLED = 1;
   static const int TRACING_TIMES_CLOCK = 2;
+  // The timers of "asyncsampling" ("asynctimer="): one of the ASYNC_TIMER_ values.
+  int myAsyncTimer;
+  static const int ASYNC_TIMER_AUTO = 0;
+  static const int ASYNC_TIMER_PERF = 1;
+  static const int ASYNC_TIMER_POSIX = 2;
   bool myNoJ2EE;
   bool myDisableAlloc;
   bool myDisableCounts;

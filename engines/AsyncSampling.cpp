@@ -24,13 +24,10 @@
 #include "db/DB.h"
 #include "engines/KFrameStorage.h"
 #include "engines/KMethod.h"
+#include "engines/SampleTimer.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
 #include "engines/TracingGate.h"
-
-#ifndef sigev_notify_thread_id
-#define sigev_notify_thread_id _sigev_un._tid
-#endif
 
 static_assert(ASYNC_SAMPLING_SIGNAL == SIGPROF, "the timers signal with SIGPROF");
 
@@ -86,7 +83,7 @@ struct ThreadSlot {
   std::atomic<ThreadInfo*> myInfo;
   // The rest belongs to ourLock.
   bool myInUse;
-  timer_t myTimer;
+  SampleTimer myTimer;
   // Written by the thread's handler only (and before its timer exists, and after it is gone):
   // the thread's CPU clock where its last sample ended, and the state of the jitter's random
   // numbers.
@@ -109,6 +106,9 @@ std::atomic<jlong> ourPeriodNs(20000000);
 std::atomic<bool> ourWantsMethodIDs(false);
 
 StackWalk ourStackWalk = nullptr;
+// The kind of timer threads get, chosen when the sampler starts; a thread the kernel refuses it
+// for gets the other.
+SampleTimer::Kind ourTimerKind = SampleTimer::PERF_TASK_CLOCK;
 bool ourHandlerInstalled = false;
 struct sigaction ourPreviousAction;
 
@@ -233,19 +233,9 @@ jlong nextInterval(ThreadSlot* slot, jlong period) {
   return period / 2 + static_cast<jlong>(x % static_cast<uint64_t>(period > 0 ? period : 1));
 }
 
-void toTimeSpec(jlong ns, struct timespec* time) {
-  time->tv_sec = static_cast<time_t>(ns / 1000000000LL);
-  time->tv_nsec = static_cast<long>(ns % 1000000000LL);
-}
-
 // Sets the timer's next expiry to a drawn interval (and the ones after it, should the thread
 // run on before the signal is taken, to the period).
-void rearm(ThreadSlot* slot, jlong period) {
-  struct itimerspec spec;
-  toTimeSpec(period, &spec.it_interval);
-  toTimeSpec(nextInterval(slot, period), &spec.it_value);
-  timer_settime(slot->myTimer, 0, &spec, nullptr);
-}
+void rearm(ThreadSlot* slot, jlong period) { slot->myTimer.rearm(nextInterval(slot, period), period); }
 
 jlong currentThreadCPUNs() {
   struct timespec now = {0, 0};
@@ -285,8 +275,8 @@ void takeSample(ThreadSlot* slot, void* context) {
 
 void onSignal(int signo, siginfo_t* info, void* context) {
   int savedErrno = errno;
-  uint64_t token = reinterpret_cast<uint64_t>(info->si_value.sival_ptr);
-  if (info->si_code != SI_TIMER || (token & TOKEN_MARK_MASK) != TOKEN_MARK) {
+  uint64_t token = SampleTimer::tokenOf(info);
+  if ((token & TOKEN_MARK_MASK) != TOKEN_MARK) {
     passToPreviousHandler(signo, info, context);
     errno = savedErrno;
     return;
@@ -324,20 +314,22 @@ bool installHandler() {
   return true;
 }
 
-// A timer on the calling thread's CPU clock, made and deleted at once: the kernel takes such
-// timers, or the sampler can't run.
-bool timersWork() {
-  struct sigevent event;
-  memset(&event, 0, sizeof(event));
-  event.sigev_notify = SIGEV_THREAD_ID;
-  event.sigev_signo = ASYNC_SAMPLING_SIGNAL;
-  event.sigev_notify_thread_id = getCurrentThreadID();
-  event.sigev_value.sival_ptr = nullptr;
-  timer_t timer;
-  if (timer_create(threadCPUClockId(getCurrentThreadID()), &event, &timer) != 0) {
+// Chooses the kind of timer from what was asked for and what the kernel gives; false when it
+// gives neither.
+bool chooseTimerKind() {
+  bool perf = ourOptions.myAsyncTimer != Options::ASYNC_TIMER_POSIX && SampleTimer::perfTaskClockWorks();
+  if (perf) {
+    ourTimerKind = SampleTimer::PERF_TASK_CLOCK;
+    return true;
+  }
+  if (!SampleTimer::posixTimerWorks()) {
     return false;
   }
-  timer_delete(timer);
+  if (ourOptions.myAsyncTimer == Options::ASYNC_TIMER_PERF) {
+    fprintf(stderr, KJP_LOG_PREFIX "*** Warning ***: the kernel refuses perf task clocks (perf_event_open); asynchronous sampling uses POSIX CPU timers, whose samples fall on the kernel's clock ticks\n");
+    fflush(stderr);
+  }
+  ourTimerKind = SampleTimer::POSIX_CPU_TIMER;
   return true;
 }
 
@@ -385,28 +377,19 @@ void armThread(ThreadInfo* info) {
   slot->myInfo.store(info, std::memory_order_release);
   slot->myLastCPUNs = getThreadCPUTimeNs(static_cast<long>(info->myThreadID));
   slot->myLastFrame = -1;
-  struct sigevent event;
-  memset(&event, 0, sizeof(event));
-  event.sigev_notify = SIGEV_THREAD_ID;
-  event.sigev_signo = ASYNC_SAMPLING_SIGNAL;
-  event.sigev_notify_thread_id = static_cast<int>(info->myThreadID);
-  event.sigev_value.sival_ptr =
-      reinterpret_cast<void*>(TOKEN_MARK | (static_cast<uint64_t>(generation) << 32) | static_cast<uint64_t>(index));
+  uint64_t token = TOKEN_MARK | (static_cast<uint64_t>(generation) << 32) | static_cast<uint64_t>(index);
   int tid = static_cast<int>(info->myThreadID);
-  if (timer_create(threadCPUClockId(tid), &event, &slot->myTimer) != 0) {
-    // The thread has just ended, or the kernel ran out of timers: it goes unsampled.
-    slot->myInfo.store(nullptr);
-    ourSlotOfThread.put(info, -1);
-    return;
-  }
   jlong period = ourPeriodNs.load();
   // Each thread draws its own intervals; the seed only has to differ between threads.
   slot->myJitterState = (static_cast<uint64_t>(tid) << 32) ^ static_cast<uint64_t>(getTimeNs()) ^ 0x9e3779b97f4a7c15ULL;
-  struct itimerspec spec;
-  toTimeSpec(period, &spec.it_interval);
-  toTimeSpec(nextInterval(slot, period), &spec.it_value);
-  if (timer_settime(slot->myTimer, 0, &spec, nullptr) != 0) {
-    timer_delete(slot->myTimer);
+  jlong first = nextInterval(slot, period);
+  SampleTimer::Kind other =
+      ourTimerKind == SampleTimer::PERF_TASK_CLOCK ? SampleTimer::POSIX_CPU_TIMER : SampleTimer::PERF_TASK_CLOCK;
+  // A perf timer costs a descriptor, which a process with many threads may run out of.
+  if (!slot->myTimer.arm(ourTimerKind, tid, ASYNC_SAMPLING_SIGNAL, token, first, period) &&
+      (other == SampleTimer::PERF_TASK_CLOCK ||
+       !slot->myTimer.arm(other, tid, ASYNC_SAMPLING_SIGNAL, token, first, period))) {
+    // The thread has just ended, or the kernel ran out of timers: it goes unsampled.
     slot->myInfo.store(nullptr);
     ourSlotOfThread.put(info, -1);
     return;
@@ -433,7 +416,7 @@ void disarmSlot(ThreadSlot* slot) {
   while (slot->myBusy.load(std::memory_order_acquire)) {
     sched_yield();
   }
-  timer_delete(slot->myTimer);
+  slot->myTimer.disarm();
 }
 
 // --- turning samples into the call tree, under ourLock ---
@@ -770,7 +753,7 @@ bool startAsyncSampling(JNIEnv* env) {
     ourStackWalk = reinterpret_cast<StackWalk>(dlsym(RTLD_DEFAULT, "AsyncGetCallTrace"));
   }
   bool haveWalk = ourStackWalk != nullptr;
-  bool timers = haveWalk && timersWork();
+  bool timers = haveWalk && chooseTimerKind();
   bool handler = timers && installHandler();
   const char* reason = asyncSamplingUnavailableReason(haveWalk, timers, handler);
   if (reason != nullptr) {
