@@ -1,5 +1,6 @@
 #include "agent/CoreInitialization.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
 #include "agent/Options.h"
+#include "agent/PortCheck.h"
 #include "db/DB.h"
 
 jclass ourClassCoreGlobalRef = nullptr;
@@ -107,6 +109,13 @@ void initializeCore(JNIEnv* env) {
   registerNatives(env, ourCoreSocketNativeMethods, ourCoreSocketNativeMethodCount);
   registerEngineCoreNatives(env, ourClassCoreGlobalRef);
 
+  // The runtime opens its socket later, on a thread of its own: a port in use ends the start
+  // here, as it would have there.
+  if (ourOptions.myPort > 0 && !isPortFreeToListen(ourOptions.myHost, ourOptions.myOnlyLocal, ourOptions.myPort)) {
+    fprintf(stderr, KJP_LOG_PREFIX "Cannot start: cannot listen on port %d\n", ourOptions.myPort);
+    fflush(stderr);
+    exit(-1);
+  }
   if (!callCoreInit(env)) {
     exit(-1);  // Core.init has said why
   }

@@ -268,6 +268,10 @@ TEST_F(OptionsTest, NumericValuesAreRangeChecked) {
       {"alloceach=x", "'alloceach' value is invalid"},
       {"alloceach=1", nullptr},
       {"allocsizelimit=-5", nullptr},
+      {"tracingtimes=wall", "'tracingtimes=' takes 'sampled' or 'clock'"},
+      {"asynctimer=perf", nullptr},
+      {"asynctimer=posix", nullptr},
+      {"asynctimer=itimer", "'asynctimer=' takes 'perf' or 'posix'"},
   };
   for (const Case& c : cases) {
     ParseResult result = parseFresh(c.option);

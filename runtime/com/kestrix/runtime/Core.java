@@ -36,7 +36,7 @@ public final class Core {
     private static final int BACKLOG = 50;
     private static final long ACCEPT_RETRY_MS = 100;
 
-    static int ourPort = -1;
+    static volatile int ourPort = -1;
     static File ourSnapshotDir;
     static String ourSessionName = "";
     static long ourCapabilities;
@@ -143,7 +143,14 @@ public final class Core {
 
     // ---- start ----
 
-    /** Called by the agent at VM init. With a start delay the work moves to its own thread. */
+    /**
+     * Called by the agent at VM init. What the rest of the agent needs from the start is set
+     * here; the listening socket and what follows it are opened on a thread of their own, after
+     * the start delay if there is one. Opening the first socket of a JVM loads and links some
+     * hundreds of the JDK's classes (on JDK 25 it spins method handles for reflection), which
+     * took a JVM that only printed its version from 40 to 340 ms; the port asked for is checked
+     * by the agent before this is called, so a taken port still ends the start.
+     */
     public static boolean init(final int predefinedAgentPort, final String agentHost, final String quotedSessionName,
             final String quotedAlternateSnapshotDir, final String profilerUIPath, final int idePort,
             final int usedMemoryInitialThreshold, final boolean canCountMethods, final boolean canRecordAllocations,
@@ -151,128 +158,133 @@ public final class Core {
             final boolean isHeapDumpOnOutOfMemoryErrorEnabled, final long maxMemoryFromCommandLine,
             final boolean isQuiet, final long sessionID, final int startDelay, final long pid,
             final int telemetryLimit) {
-        if (startDelay == 0) {
-            return _init(predefinedAgentPort, agentHost, quotedSessionName, quotedAlternateSnapshotDir, profilerUIPath,
-                    idePort, usedMemoryInitialThreshold, canCountMethods, canRecordAllocations, canRecordJ2EE,
-                    onlyLocalConnections, isHeapDumpOnOutOfMemoryErrorEnabled, maxMemoryFromCommandLine, isQuiet,
-                    sessionID, pid, telemetryLimit);
+        try {
+            if (!prepare(quotedSessionName, quotedAlternateSnapshotDir, canCountMethods, canRecordAllocations,
+                    canRecordJ2EE, isHeapDumpOnOutOfMemoryErrorEnabled, maxMemoryFromCommandLine, isQuiet, sessionID,
+                    pid, telemetryLimit)) {
+                return false;
+            }
+        } catch (Exception e) {
+            System.err.println(CANNOT_START);
+            e.printStackTrace();
+            return false;
         }
-        Runnable delayedStart = new Runnable() {
+        Runnable listen = new Runnable() {
             public void run() {
                 try {
-                    // A delay of 1 only asks for another thread.
-                    if (startDelay > 1) {
+                    if (startDelay > 0) {
                         try {
                             Thread.sleep(startDelay);
                         } catch (Exception ignored) {
                             // start early rather than not at all
                         }
                     }
-                    _init(predefinedAgentPort, agentHost, quotedSessionName, quotedAlternateSnapshotDir,
-                            profilerUIPath, idePort, usedMemoryInitialThreshold, canCountMethods,
-                            canRecordAllocations, canRecordJ2EE, onlyLocalConnections,
-                            isHeapDumpOnOutOfMemoryErrorEnabled, maxMemoryFromCommandLine, isQuiet, sessionID, pid,
-                            telemetryLimit);
+                    listen(predefinedAgentPort, agentHost, profilerUIPath, idePort, usedMemoryInitialThreshold,
+                            onlyLocalConnections, quotedAlternateSnapshotDir);
                 } catch (Throwable e) {
+                    System.err.println(CANNOT_START);
                     e.printStackTrace();
                 }
             }
         };
-        new Thread(delayedStart).start();
+        // A daemon: a JVM whose application has ended doesn't wait for the agent's socket.
+        Thread thread = new Thread(listen, "KJPAgent-Start");
+        thread.setDaemon(true);
+        thread.start();
         return true;
     }
 
-    private static boolean _init(int predefinedAgentPort, String agentHost, String quotedSessionName,
-            String quotedAlternateSnapshotDir, final String profilerUIPath, final int idePort,
-            int usedMemoryInitialThreshold, boolean canCountMethods, boolean canRecordAllocations,
-            boolean canRecordJ2EE, boolean onlyLocalConnections, boolean isHeapDumpOnOutOfMemoryErrorEnabled,
-            long maxMemoryFromCommandLine, boolean isQuiet, long sessionID, long pid, int telemetryLimit) {
-        try {
-            String sessionName = Unquoter.unquote(quotedSessionName);
-            ourSessionName = sessionName == null ? "" : sessionName;
-            ourIsOOMEDumperEnabledInCommandLine = isHeapDumpOnOutOfMemoryErrorEnabled;
-            ourMaxMemoryFromCommandLine = maxMemoryFromCommandLine;
-            ourQuiet = isQuiet;
-            ourSessionID = sessionID;
-            ourPID = pid;
-            ourTelemetryLimit = telemetryLimit;
+    private static boolean prepare(String quotedSessionName, String quotedAlternateSnapshotDir,
+            boolean canCountMethods, boolean canRecordAllocations, boolean canRecordJ2EE,
+            boolean isHeapDumpOnOutOfMemoryErrorEnabled, long maxMemoryFromCommandLine, boolean isQuiet,
+            long sessionID, long pid, int telemetryLimit) {
+        String sessionName = Unquoter.unquote(quotedSessionName);
+        ourSessionName = sessionName == null ? "" : sessionName;
+        ourIsOOMEDumperEnabledInCommandLine = isHeapDumpOnOutOfMemoryErrorEnabled;
+        ourMaxMemoryFromCommandLine = maxMemoryFromCommandLine;
+        ourQuiet = isQuiet;
+        ourSessionID = sessionID;
+        ourPID = pid;
+        ourTelemetryLimit = telemetryLimit;
 
-            if (!checkJVM()) {
-                return false;
-            }
-
-            ourCapabilities = computeCapabilities(canCountMethods, canRecordAllocations, canRecordJ2EE);
-
-            // An empty dir= names the working directory, as any relative path is taken from there.
-            String snapshotDir = Unquoter.unquote(quotedAlternateSnapshotDir);
-            ourSnapshotDir = snapshotDir == null ? Constants.SNAPSHOTS_DIR : new File(snapshotDir).getAbsoluteFile();
-
-            // The JVM's management beans take a JVM a good part of its start-up to set up; the
-            // telemetry thread brings them up, and asks for heap dumps at an OutOfMemoryError,
-            // once the application's own start is under way.
-            new TelemetryThreadJVMTI().start();
-
-            ServerSocket serverSocket = null;
-            int port = predefinedAgentPort == -1 ? 0 : predefinedAgentPort;
-            if (port == 0) {
-                for (int i = 0; i < Constants.DEFAULT_PORTS.length && serverSocket == null; i++) {
-                    try {
-                        serverSocket = createServerSocket(onlyLocalConnections, Constants.DEFAULT_PORTS[i], agentHost);
-                    } catch (IOException e) {
-                        // taken: try the next one
-                    }
-                }
-            }
-            if (serverSocket == null) {
-                try {
-                    // Port 0 takes any free port.
-                    serverSocket = createServerSocket(onlyLocalConnections, port, agentHost);
-                } catch (IOException e) {
-                    System.err.println(CANNOT_START + " cannot listen on port " + port);
-                    return false;
-                }
-            }
-            ourPort = serverSocket.getLocalPort();
-
-            createMarker(ourPort, Constants.MARKER_TYPE_BIT_JAVA);
-            startRequestThread(serverSocket);
-
-            if (agentHost == null) {
-                info("Profiler agent is listening on port " + ourPort + "...");
-            } else {
-                info("Profiler agent is listening on " + agentHost + ":" + ourPort + "...");
-            }
-            if (profilerUIPath == null) {
-                info("*** HINT ***: To get profiling results, connect to the application from the profiler UI");
-                info("*** HINT ***: Or from a terminal: kjp connect " + (agentHost == null ? "localhost" : agentHost) + ":"
-                        + ourPort + " status");
-            }
-
-            // No threshold, no watch: the memory pools are looked at when a client sets one.
-            if (usedMemoryInitialThreshold != 0) {
-                try {
-                    setCaptureMemoryThreshold(usedMemoryInitialThreshold);
-                } catch (RuntimeException e) {
-                    // Everything else works without the watch: say so, and let the application run.
-                    info(e.getMessage());
-                }
-            }
-
-            if (profilerUIPath != null) {
-                final String snapshotDirArgument = quotedAlternateSnapshotDir;
-                Thread launcher = new Thread(new Runnable() {
-                    public void run() {
-                        launchUI(profilerUIPath, idePort, snapshotDirArgument);
-                    }
-                });
-                launcher.setDaemon(true);
-                launcher.start();
-            }
-            return true;
-        } catch (Exception e) {
-            System.err.println(CANNOT_START);
-            e.printStackTrace();
+        if (!checkJVM()) {
             return false;
+        }
+
+        ourCapabilities = computeCapabilities(canCountMethods, canRecordAllocations, canRecordJ2EE);
+
+        // An empty dir= names the working directory, as any relative path is taken from there.
+        String snapshotDir = Unquoter.unquote(quotedAlternateSnapshotDir);
+        ourSnapshotDir = snapshotDir == null ? Constants.SNAPSHOTS_DIR : new File(snapshotDir).getAbsoluteFile();
+
+        // The JVM's management beans take a JVM a good part of its start-up to set up; the
+        // telemetry thread brings them up, and asks for heap dumps at an OutOfMemoryError,
+        // once the application's own start is under way.
+        new TelemetryThreadJVMTI().start();
+        return true;
+    }
+
+    // Opens the listening socket, says where it listens, and starts what waits for it. A port
+    // that can't be had here (taken since the agent checked it) leaves the agent without a
+    // socket, recording as asked, rather than ending an application that is already running.
+    private static void listen(int predefinedAgentPort, String agentHost, final String profilerUIPath,
+            final int idePort, int usedMemoryInitialThreshold, boolean onlyLocalConnections,
+            final String quotedAlternateSnapshotDir) throws IOException {
+        ServerSocket serverSocket = null;
+        int port = predefinedAgentPort == -1 ? 0 : predefinedAgentPort;
+        if (port == 0) {
+            for (int i = 0; i < Constants.DEFAULT_PORTS.length && serverSocket == null; i++) {
+                try {
+                    serverSocket = createServerSocket(onlyLocalConnections, Constants.DEFAULT_PORTS[i], agentHost);
+                } catch (IOException e) {
+                    // taken: try the next one
+                }
+            }
+        }
+        if (serverSocket == null) {
+            try {
+                // Port 0 takes any free port.
+                serverSocket = createServerSocket(onlyLocalConnections, port, agentHost);
+            } catch (IOException e) {
+                System.err.println(CANNOT_START + " cannot listen on port " + port);
+                return;
+            }
+        }
+        ourPort = serverSocket.getLocalPort();
+
+        createMarker(ourPort, Constants.MARKER_TYPE_BIT_JAVA);
+        // Said before the listener thread starts, so that whoever sees that thread has the port
+        // on the error stream already; a client that connects first waits in the backlog.
+        if (agentHost == null) {
+            info("Profiler agent is listening on port " + ourPort + "...");
+        } else {
+            info("Profiler agent is listening on " + agentHost + ":" + ourPort + "...");
+        }
+        if (profilerUIPath == null) {
+            info("*** HINT ***: To get profiling results, connect to the application from the profiler UI");
+            info("*** HINT ***: Or from a terminal: kjp connect " + (agentHost == null ? "localhost" : agentHost) + ":"
+                    + ourPort + " status");
+        }
+        startRequestThread(serverSocket);
+
+        // No threshold, no watch: the memory pools are looked at when a client sets one.
+        if (usedMemoryInitialThreshold != 0) {
+            try {
+                setCaptureMemoryThreshold(usedMemoryInitialThreshold);
+            } catch (RuntimeException e) {
+                // Everything else works without the watch: say so, and let the application run.
+                info(e.getMessage());
+            }
+        }
+
+        if (profilerUIPath != null) {
+            Thread launcher = new Thread(new Runnable() {
+                public void run() {
+                    launchUI(profilerUIPath, idePort, quotedAlternateSnapshotDir);
+                }
+            });
+            launcher.setDaemon(true);
+            launcher.start();
         }
     }
 

@@ -78,7 +78,9 @@ class AgentStartupTest {
     @ParameterizedTest
     @MethodSource("jdks")
     void optionFilesThatCannotBeReadAreNamedAndTheDefaultsServe(Path jdk) throws Exception {
-        Jvm.Result result = runHello(jdk, "tracing,filters=/nonexistent/filters,walltimespec=/nonexistent/walltime");
+        Jvm.Result result = Jvm.run(jdk, 120,
+                Jvm.agentArgument("tracing,filters=/nonexistent/filters,walltimespec=/nonexistent/walltime"), "-cp",
+                Jvm.programs().toString(), "com.kestrix.programs.Hello", "wait-for-agent");
         assertEquals(0, result.exitCode, result.toString());
         assertTrue(result.stdout.startsWith("hello from"), result.toString());
         for (String option : new String[] {"filters=/nonexistent/filters", "walltimespec=/nonexistent/walltime"}) {
