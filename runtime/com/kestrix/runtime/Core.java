@@ -187,9 +187,11 @@ public final class Core {
                 }
             }
         };
-        // A daemon: a JVM whose application has ended doesn't wait for the agent's socket.
-        Thread thread = new Thread(listen, "KJPAgent-Start");
+        // A daemon: a JVM whose application has ended doesn't wait for the agent's socket. Once
+        // the socket is open, the thread serves its clients.
+        Thread thread = new Thread(listen, "KJPAgent-RequestListener");
         thread.setDaemon(true);
+        thread.setPriority(Thread.MIN_PRIORITY);
         thread.start();
         return true;
     }
@@ -224,9 +226,10 @@ public final class Core {
         return true;
     }
 
-    // Opens the listening socket, says where it listens, and starts what waits for it. A port
-    // that can't be had here (taken since the agent checked it) leaves the agent without a
-    // socket, recording as asked, rather than ending an application that is already running.
+    // Opens the listening socket, says where it listens, starts what waits for it, and serves
+    // clients for the life of the JVM. A port that can't be had here (taken since the agent
+    // checked it) leaves the agent without a socket, recording as asked, rather than ending an
+    // application that is already running.
     private static void listen(int predefinedAgentPort, String agentHost, final String profilerUIPath,
             final int idePort, int usedMemoryInitialThreshold, boolean onlyLocalConnections,
             final String quotedAlternateSnapshotDir) throws IOException {
@@ -250,11 +253,11 @@ public final class Core {
                 return;
             }
         }
+        ourServerSocket = serverSocket;
         ourPort = serverSocket.getLocalPort();
 
         createMarker(ourPort, Constants.MARKER_TYPE_BIT_JAVA);
-        // Said before the listener thread starts, so that whoever sees that thread has the port
-        // on the error stream already; a client that connects first waits in the backlog.
+        // A client that connects while the rest is set up waits in the backlog.
         if (agentHost == null) {
             info("Profiler agent is listening on port " + ourPort + "...");
         } else {
@@ -265,8 +268,6 @@ public final class Core {
             info("*** HINT ***: Or from a terminal: kjp connect " + (agentHost == null ? "localhost" : agentHost) + ":"
                     + ourPort + " status");
         }
-        startRequestThread(serverSocket);
-
         // No threshold, no watch: the memory pools are looked at when a client sets one.
         if (usedMemoryInitialThreshold != 0) {
             try {
@@ -286,6 +287,8 @@ public final class Core {
             launcher.setDaemon(true);
             launcher.start();
         }
+        ourListening = true;
+        serveClients(serverSocket);
     }
 
     static long computeCapabilities(boolean canCountMethods, boolean canRecordAllocations, boolean canRecordJ2EE) {
@@ -363,24 +366,18 @@ public final class Core {
     // The listening socket, once there is one; closed when the JVM dies.
     private static volatile ServerSocket ourServerSocket;
     private static volatile boolean ourListenerStopped;
+    // Set once the agent has said where it listens and set up what waits for the socket.
+    static volatile boolean ourListening;
 
     // One client at a time, for the life of the JVM: nothing a client sends may end the loop.
-    private static void startRequestThread(final ServerSocket serverSocket) {
-        ourServerSocket = serverSocket;
-        Thread listener = new Thread(new Runnable() {
-            public void run() {
-                while (!ourListenerStopped) {
-                    try {
-                        serveOneClient(serverSocket);
-                    } catch (Throwable ignored) {
-                        // the next client gets a fresh start
-                    }
-                }
+    private static void serveClients(ServerSocket serverSocket) {
+        while (!ourListenerStopped) {
+            try {
+                serveOneClient(serverSocket);
+            } catch (Throwable ignored) {
+                // the next client gets a fresh start
             }
-        }, "KJPAgent-RequestListener");
-        listener.setDaemon(true);
-        listener.setPriority(Thread.MIN_PRIORITY);
-        listener.start();
+        }
     }
 
     private static void serveOneClient(ServerSocket serverSocket) throws IOException {

@@ -24,12 +24,8 @@ public final class CoreProbe {
         report("core loader is system: " + (core.getClassLoader() == ClassLoader.getSystemClassLoader()));
         java.lang.reflect.Field portField = core.getDeclaredField("ourPort");
         portField.setAccessible(true);
-        // The runtime opens its socket on a thread of its own once the JVM has started.
+        AgentStart.awaitListening();
         int agentPort = portField.getInt(null);
-        for (int i = 0; i < 6000 && agentPort <= 0; i++) {
-            Thread.sleep(10);
-            agentPort = portField.getInt(null);
-        }
         report("agent port bound: " + (agentPort > 0));
 
         report("status: " + call("getStatus"));

@@ -31,6 +31,7 @@ public class Remote {
 
     public static void main(String[] args) throws Exception {
         BufferedReader in = new BufferedReader(new InputStreamReader(System.in, "UTF-8"));
+        AgentStart.awaitListening();
         System.out.println("ready");
         System.out.flush();
         String line;
