@@ -27,6 +27,15 @@ bool bindsOrUnknown(const struct sockaddr* address, socklen_t length, bool dualS
   return free;
 }
 
+bool ipv4BindsOrUnknown(in_addr_t address, int port) {
+  struct sockaddr_in bound;
+  memset(&bound, 0, sizeof(bound));
+  bound.sin_family = AF_INET;
+  bound.sin_port = htons(static_cast<uint16_t>(port));
+  bound.sin_addr.s_addr = htonl(address);
+  return bindsOrUnknown(reinterpret_cast<struct sockaddr*>(&bound), sizeof(bound), false);
+}
+
 }  // namespace
 
 bool isPortFreeToListen(const char* host, bool onlyLocal, int port) {
@@ -58,12 +67,7 @@ bool isPortFreeToListen(const char* host, bool onlyLocal, int port) {
     return free;
   }
   if (onlyLocal) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof(address));
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return bindsOrUnknown(reinterpret_cast<struct sockaddr*>(&address), sizeof(address), false);
+    return ipv4BindsOrUnknown(INADDR_LOOPBACK, port);
   }
   // Every address: the JVM listens on IPv6 and IPv4 at once where the machine has IPv6.
   struct sockaddr_in6 any6;
@@ -76,10 +80,5 @@ bool isPortFreeToListen(const char* host, bool onlyLocal, int port) {
     close(probe);
     return bindsOrUnknown(reinterpret_cast<struct sockaddr*>(&any6), sizeof(any6), true);
   }
-  struct sockaddr_in any4;
-  memset(&any4, 0, sizeof(any4));
-  any4.sin_family = AF_INET;
-  any4.sin_port = htons(static_cast<uint16_t>(port));
-  any4.sin_addr.s_addr = htonl(INADDR_ANY);
-  return bindsOrUnknown(reinterpret_cast<struct sockaddr*>(&any4), sizeof(any4), false);
+  return ipv4BindsOrUnknown(INADDR_ANY, port);
 }
