@@ -21,7 +21,7 @@ namespace {
 // Per perf descriptor: the token of its timer and the thread it signals. A signal names only the
 // descriptor, and a descriptor closed with a signal still queued may be reused for another
 // thread's timer before the signal is taken, so the handler accepts a token only for its own
-// thread. Writers set the thread before the token and clear the token first.
+// thread. arm() clears the token, sets the thread, then sets the token.
 std::atomic<uint64_t> ourFdTokens[SampleTimer::MAX_PERF_FD];
 std::atomic<int> ourFdThreads[SampleTimer::MAX_PERF_FD];
 
@@ -83,6 +83,7 @@ bool SampleTimer::arm(Kind kind, int tid, int signo, uint64_t token, int64_t fir
       close(fd);
       return false;
     }
+    ourFdTokens[fd].store(0, std::memory_order_release);
     ourFdThreads[fd].store(tid, std::memory_order_release);
     ourFdTokens[fd].store(token, std::memory_order_release);
     if (ioctl(fd, PERF_EVENT_IOC_ENABLE, 0) != 0) {
@@ -139,8 +140,9 @@ void SampleTimer::disarm() {
   }
   myArmed = false;
   if (myKind == PERF_TASK_CLOCK) {
-    ourFdTokens[myFd].store(0, std::memory_order_release);
-    ourFdThreads[myFd].store(0, std::memory_order_release);
+    // The token stays until the descriptor serves another timer: a signal still on its way is
+    // then known as the agent's (its owner tells by the token that it is stale) rather than
+    // passed on to the application's handler.
     close(myFd);
     myFd = -1;
     return;

@@ -39,7 +39,8 @@ class SampleTimer {
   // then every 'periodNs' (a perf timer: every 'ns'). Async-signal-safe.
   void rearm(int64_t ns, int64_t periodNs);
   // The timer is gone when this returns; a signal it had already sent may still be on its way,
-  // and tokenOf no longer names its token for it.
+  // and tokenOf still gives its token (the owner knows it for stale), unless the kernel has
+  // given the timer's descriptor to another timer since.
   void disarm();
 
   bool isArmed() const { return myArmed; }
