@@ -106,8 +106,8 @@ std::atomic<jlong> ourPeriodNs(20000000);
 std::atomic<bool> ourWantsMethodIDs(false);
 
 StackWalk ourStackWalk = nullptr;
-// The kind of timer threads get, chosen when the sampler starts; a thread the kernel refuses it
-// for gets the other.
+// The kind of timer threads get, chosen when the sampler starts; a thread the kernel refuses a
+// perf timer gets a POSIX one.
 SampleTimer::Kind ourTimerKind = SampleTimer::PERF_TASK_CLOCK;
 bool ourHandlerInstalled = false;
 struct sigaction ourPreviousAction;
@@ -383,12 +383,12 @@ void armThread(ThreadInfo* info) {
   // Each thread draws its own intervals; the seed only has to differ between threads.
   slot->myJitterState = (static_cast<uint64_t>(tid) << 32) ^ static_cast<uint64_t>(getTimeNs()) ^ 0x9e3779b97f4a7c15ULL;
   jlong first = nextInterval(slot, period);
-  SampleTimer::Kind other =
-      ourTimerKind == SampleTimer::PERF_TASK_CLOCK ? SampleTimer::POSIX_CPU_TIMER : SampleTimer::PERF_TASK_CLOCK;
-  // A perf timer costs a descriptor, which a process with many threads may run out of.
-  if (!slot->myTimer.arm(ourTimerKind, tid, ASYNC_SAMPLING_SIGNAL, token, first, period) &&
-      (other == SampleTimer::PERF_TASK_CLOCK ||
-       !slot->myTimer.arm(other, tid, ASYNC_SAMPLING_SIGNAL, token, first, period))) {
+  // A perf timer costs a descriptor, which a process with many threads may run out of: such a
+  // thread gets a POSIX timer.
+  bool armed = slot->myTimer.arm(ourTimerKind, tid, ASYNC_SAMPLING_SIGNAL, token, first, period) ||
+               (ourTimerKind == SampleTimer::PERF_TASK_CLOCK &&
+                slot->myTimer.arm(SampleTimer::POSIX_CPU_TIMER, tid, ASYNC_SAMPLING_SIGNAL, token, first, period));
+  if (!armed) {
     // The thread has just ended, or the kernel ran out of timers: it goes unsampled.
     slot->myInfo.store(nullptr);
     ourSlotOfThread.put(info, -1);

@@ -1,6 +1,5 @@
 #include "engines/SampleTimer.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/perf_event.h>
 #include <string.h>

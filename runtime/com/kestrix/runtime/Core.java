@@ -232,7 +232,7 @@ public final class Core {
     // application that is already running.
     private static void listen(int predefinedAgentPort, String agentHost, final String profilerUIPath,
             final int idePort, int usedMemoryInitialThreshold, boolean onlyLocalConnections,
-            final String quotedAlternateSnapshotDir) throws IOException {
+            final String quotedAlternateSnapshotDir) {
         ServerSocket serverSocket = null;
         int port = predefinedAgentPort == -1 ? 0 : predefinedAgentPort;
         if (port == 0) {
