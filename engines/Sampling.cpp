@@ -127,12 +127,16 @@ void JNICALL sampler_thread_entry(jvmtiEnv* jvmti, JNIEnv* env, void*) {
     while ((ourStatus & CPU_TIMES_BIT) == 0) {
       jvmti->RawMonitorWait(ourJVMTISamplerLock, IDLE_POLL_MS);
     }
+    // Each pass is charged the wall time since the previous one, the pass itself included: on a
+    // loaded machine a safepoint walk of all stacks can take a tenth of the period, and a thread
+    // in a wall-time method was busy all that while too.
+    jlong last = getTimeNs();
     while ((ourStatus & CPU_TIMES_BIT) != 0) {
-      jlong before = getTimeNs();
       // A period of 0 means no timeout, and nothing notifies: sampling then never runs.
       jvmti->RawMonitorWait(ourJVMTISamplerLock, static_cast<jlong>(ourOptions.mySamplingPeriod));
-      jlong after = getTimeNs();
-      samplingPass(env, after - before);
+      jlong now = getTimeNs();
+      samplingPass(env, now - last);
+      last = now;
     }
   }
 }
