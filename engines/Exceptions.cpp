@@ -10,6 +10,7 @@
 #include "db/StringPool.h"
 #include "engines/ClassNameTags.h"
 #include "engines/KFrameStorage.h"
+#include "engines/KMethod.h"
 #include "engines/KeyedRows.h"
 #include "engines/ThreadInfo.h"
 
@@ -34,6 +35,8 @@ struct ExceptionKey {
 struct ExceptionData {
   jint myClass;
   jint myThrowFrame;
+  // The walk at the throw reached the outermost frame, so the catching frame is on its path.
+  bool myThrowPathIsWhole;
 };
 
 // Found by argument-dependent lookup when KMap is instantiated.
@@ -105,13 +108,26 @@ void JNICALL exceptionThrown(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocati
   handleException(env, info, exception, catchMethod != nullptr);
 }
 
-void JNICALL exceptionCaught(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocation, jobject exception) {
+void JNICALL exceptionCaught(jvmtiEnv*, JNIEnv* env, jthread, jmethodID method, jlocation, jobject exception) {
   ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr) {
     return;
   }
   LockHolder holder(&ourLock, "Exceptions(110)");
-  handleExceptionCatch(env, info, exception);
+  handleExceptionCatch(env, info, exception, method);
+}
+
+// The catching frame as the throw's path shows it, 0 when the path can't tell. Between throw
+// and catch the stack only unwound, so the catching frame was on the stack that the throw
+// walked; a walk makes a node of every frame whose method it keeps, so when the catching
+// method has exactly one node on that path, that node is the catching frame, and a walk of the
+// stack now would end at the same node. A stack walk costs about a microsecond a frame in
+// compiled code, and programs that throw for control flow (compilers, parsers) do it deep.
+jint catchFrameOnThrowPath(JNIEnv* env, const ExceptionData& pending, jmethodID catchMethod) {
+  if (catchMethod == nullptr || !pending.myThrowPathIsWhole || pending.myThrowFrame == 0) {
+    return 0;
+  }
+  return ourFrameStorage.onlyAncestorOf(pending.myThrowFrame, getMethodByID(env, catchMethod));
 }
 
 }  // namespace
@@ -123,21 +139,25 @@ void handleException(JNIEnv* env, ThreadInfo* info, jobject exception, bool will
   jint throwFrame = ourFrameStorage.fillCurrentFrameJVMTI(env, false, nullptr);
   jint classStrID = getExceptionClassNameStrID(env, exception);
   if (willBeCaught) {
-    ourPendingExceptions.put(info->myRunningNumber, ExceptionData{classStrID, throwFrame});
+    ourPendingExceptions.put(info->myRunningNumber,
+                             ExceptionData{classStrID, throwFrame, ourFrameStorage.lastWalkWasWhole()});
   } else {
     recordExceptionOccurrence(info, throwFrame, 0, classStrID, exception);
   }
 }
 
-void handleExceptionCatch(JNIEnv* env, ThreadInfo* info, jobject exception) {
+void handleExceptionCatch(JNIEnv* env, ThreadInfo* info, jobject exception, jmethodID catchMethod) {
   if (currentPhase() != JVMTI_PHASE_LIVE) {
     return;
   }
-  ExceptionData pending{0, 0};
+  ExceptionData pending{0, 0, false};
   if (!ourPendingExceptions.get(info->myRunningNumber, &pending)) {
     return;
   }
-  jint catchFrame = ourFrameStorage.fillCurrentFrameJVMTI(env, false, nullptr);
+  jint catchFrame = catchFrameOnThrowPath(env, pending, catchMethod);
+  if (catchFrame == 0) {
+    catchFrame = ourFrameStorage.fillCurrentFrameJVMTI(env, false, nullptr);
+  }
   recordExceptionOccurrence(info, pending.myThrowFrame, catchFrame, pending.myClass, exception);
   ourPendingExceptions.remove(info->myRunningNumber);
 }

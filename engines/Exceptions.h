@@ -21,8 +21,9 @@ namespace Exceptions {
 // The throw of 'exception' (null books it under "<unknown>") on the thread. Caller holds ourLock.
 void handleException(JNIEnv* env, ThreadInfo* info, jobject exception, bool willBeCaught);
 // The catch of 'exception' on the thread: books the pending throw, if any, at the catching path.
-// Caller holds ourLock.
-void handleExceptionCatch(JNIEnv* env, ThreadInfo* info, jobject exception);
+// With the catching method, a catching path that the throw's path already shows is taken from
+// there. Caller holds ourLock.
+void handleExceptionCatch(JNIEnv* env, ThreadInfo* info, jobject exception, jmethodID catchMethod = nullptr);
 
 // Folds the rows of the dead threads in the set into the pseudo-thread of the oldest ones.
 void mergeExceptionUsage(KSet<jint>* threadRunningNumbersToCleanup);

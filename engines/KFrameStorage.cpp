@@ -61,7 +61,21 @@ jint KFrameStorage::fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<
   if (ourJVMTI->GetStackTrace(nullptr, 0, MAX_STACK_DEPTH, _frames, &count) != JVMTI_ERROR_NONE) {
     count = 0;
   }
+  myLastWalkWasWhole = count < MAX_STACK_DEPTH;
   return fillFrameFromStack(env, _frames, count, skipNative, filteredCalls);
+}
+
+jint KFrameStorage::onlyAncestorOf(jint frame, jint methodIndex) {
+  jint found = 0;
+  for (; frame != 0 && frame != -1; frame = getParent(frame)) {
+    if (getMethodIndex(frame) == methodIndex) {
+      if (found != 0) {
+        return 0;
+      }
+      found = frame;
+    }
+  }
+  return found;
 }
 
 jint KFrameStorage::fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count, bool skipNative,

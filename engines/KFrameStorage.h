@@ -26,7 +26,7 @@ class KFrameStorage {
   // The deepest stack a walk records; a deeper one loses its outermost frames.
   static const jint MAX_STACK_DEPTH = 1024;
 
-  KFrameStorage() : ourStartupAllocationsFrame(-1) {}
+  KFrameStorage() : ourStartupAllocationsFrame(-1), myLastWalkWasWhole(false) {}
 
   jint getParent(jint frame) { return record(frame)->myParent; }
   jint getMethodIndex(jint frame) { return record(frame)->myCallee; }
@@ -47,6 +47,13 @@ class KFrameStorage {
   // first one, as the tracing probes build it.
   jint fillCurrentFrameJVMTI(JNIEnv* env, bool skipNative, KVector<bool>* filteredCalls);
 
+  // Whether the last fillCurrentFrameJVMTI saw the whole stack, down to its outermost frame.
+  bool lastWalkWasWhole() const { return myLastWalkWasWhole; }
+
+  // The one frame on the path from the root to 'frame' (itself included) whose method is
+  // 'methodIndex'; 0 when there is none or more than one.
+  jint onlyAncestorOf(jint frame, jint methodIndex);
+
   // The same for a stack that the current thread took of itself with GetStackTrace (top
   // first, at most MAX_STACK_DEPTH frames): it can do so before it takes ourLock.
   jint fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count, bool skipNative,
@@ -61,6 +68,8 @@ class KFrameStorage {
   jint ourStartupAllocationsFrame;
 
  private:
+  bool myLastWalkWasWhole;
+
   static FrameRecord* record(jint frame) { return ourDB->myFrameTable->getRecord(frame, true); }
 };
 
