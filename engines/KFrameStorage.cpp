@@ -88,9 +88,9 @@ jint KFrameStorage::fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames
   for (jint i = count - 1; i >= 0; i--) {
     jmethodID method = frames[i].method;
     if (skipNative) {
+      // A method refused here is named as unloaded below.
       jboolean isNative = JNI_FALSE;
-      check_JVMTI_error(ourJVMTI->IsMethodNative(method, &isNative));
-      if (isNative) {
+      if (ourJVMTI->IsMethodNative(method, &isNative) == JVMTI_ERROR_NONE && isNative) {
         continue;
       }
     }

@@ -64,16 +64,26 @@ jint getMethodByID(JNIEnv* env, jmethodID methodID) {
   if (ourMethodID2MethodIndex.get(methodID, &known) && known != 0) {
     return known;
   }
+  // A frame of another thread, taken at a safepoint and named after it, can belong to a class
+  // that was unloaded in between; the JVM then refuses the method, which is no fault of ours.
   char* methodName = nullptr;
   char* methodSignature = nullptr;
-  check_JVMTI_error(ourJVMTI->GetMethodName(methodID, &methodName, &methodSignature, nullptr));
+  if (ourJVMTI->GetMethodName(methodID, &methodName, &methodSignature, nullptr) != JVMTI_ERROR_NONE) {
+    return getMethodByName(UNLOADED_METHOD_CLASS, UNLOADED_METHOD_NAME, "()V");
+  }
   KASSERT(methodName);
   KASSERT(methodSignature);
   jclass aClass = nullptr;
-  check_JVMTI_error(ourJVMTI->GetMethodDeclaringClass(methodID, &aClass));
-  KASSERT(aClass);
   char* classSignature = nullptr;
-  check_JVMTI_error(ourJVMTI->GetClassSignature(aClass, &classSignature, nullptr));
+  if (ourJVMTI->GetMethodDeclaringClass(methodID, &aClass) != JVMTI_ERROR_NONE ||
+      ourJVMTI->GetClassSignature(aClass, &classSignature, nullptr) != JVMTI_ERROR_NONE) {
+    if (aClass != nullptr) {
+      env->DeleteLocalRef(aClass);
+    }
+    deallocate(methodName);
+    deallocate(methodSignature);
+    return getMethodByName(UNLOADED_METHOD_CLASS, UNLOADED_METHOD_NAME, "()V");
+  }
   KASSERT(classSignature);
   // The class-load hook never sees a hidden class (a lambda's, a method handle's), so its
   // methods carry no probes: tracing steps over them, and a walk of the stack that should give

@@ -32,8 +32,11 @@ class KMethod {
 // The method index of a method given by its JVM class signature ("Ljava/lang/String;").
 jint getMethodByName(const char* classSignature, const char* methodName, const char* methodSignature);
 
-// The method index of a JVM method handle, asking the JVM for its names once per handle.
+// The method index of a JVM method handle, asking the JVM for its names once per handle. A
+// handle the JVM no longer names (its class was unloaded) gets the row of this pseudo-method.
 jint getMethodByID(JNIEnv* env, jmethodID methodID);
+#define UNLOADED_METHOD_CLASS "L<unloaded class>;"
+#define UNLOADED_METHOD_NAME "<unloaded method>"
 
 // Memo of method handle to method index; handles stay valid while their class lives, and a
 // class loaded twice gets new handles that map to the same row.

@@ -51,10 +51,16 @@ jvmtiInterface_1_ makeJVMTI() {
     return JVMTI_ERROR_NONE;
   };
   t.IsMethodNative = [](jvmtiEnv*, jmethodID m, jboolean* isNative) -> jvmtiError {
+    if (FakeCPUVM::of(m)->unloaded) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     *isNative = FakeCPUVM::of(m)->isNative ? JNI_TRUE : JNI_FALSE;
     return JVMTI_ERROR_NONE;
   };
   t.GetMethodName = [](jvmtiEnv*, jmethodID m, char** name, char** signature, char** generic) -> jvmtiError {
+    if (FakeCPUVM::of(m)->unloaded) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     *name = copyOut(FakeCPUVM::of(m)->name);
     *signature = copyOut(FakeCPUVM::of(m)->signature);
     EXPECT_EQ(nullptr, generic);

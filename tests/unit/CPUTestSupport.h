@@ -30,6 +30,8 @@ struct FakeCPUVM {
     std::vector<std::string> locals;
     // Of a hidden class (a lambda's), which JVMTI calls not modifiable.
     bool hidden = false;
+    // Of a class unloaded since the frame was taken: the JVM refuses to name it.
+    bool unloaded = false;
   };
   struct Stack {
     jthread thread;

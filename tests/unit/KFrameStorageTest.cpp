@@ -91,6 +91,16 @@ TEST_F(KFrameStorageTest, StackWalkSkipsHiddenAndNativeAndCollapsesFilteredRuns)
   myFake.stackError = JVMTI_ERROR_WRONG_PHASE;
   EXPECT_EQ(0, ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, false, &bits));
   EXPECT_EQ(0, bits.size());
+  myFake.stackError = JVMTI_ERROR_NONE;
+
+  // A method that the JVM no longer names (its class unloaded since the stack was taken) is a
+  // frame of its own, named as such, in the skipping walk too.
+  jmethodID gone = myFake.method("Lapp/Gone;", "run");
+  myFake.methods.back().unloaded = true;
+  myFake.currentStack = {d, gone, main};
+  jint unloaded = getMethodByName(UNLOADED_METHOD_CLASS, UNLOADED_METHOD_NAME, "()V");
+  EXPECT_EQ((std::vector<jint>{indexOf(main), unloaded, indexOf(d)}),
+            pathOf(ourFrameStorage.fillCurrentFrameJVMTI(&myEnv, true, nullptr)));
 }
 
 TEST_F(KFrameStorageTest, TheTracedWalkStepsOverMethodsOfHiddenClasses) {
