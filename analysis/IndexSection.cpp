@@ -16,7 +16,12 @@ void writeIndexSection(ObjectStorage* storage, SnapshotWriter& writer) {
   for (jint id = ObjectStorage::ARRAY_REFS; id < ObjectStorage::ARRAY_COUNT; id++) {
     end += 8 + static_cast<jlong>(storage->getArray(id)->getAllocatedPageCount()) * (8 + 4 * BigIntArray64::PAGE_SIZE);
   }
-  ourIndexFileFullLength = end;
+  // The length is progress for the reader of the file while it is written, and stale after it,
+  // however the write ends.
+  struct LengthWhileWriting {
+    explicit LengthWhileWriting(jlong length) { ourIndexFileFullLength = length; }
+    ~LengthWhileWriting() { ourIndexFileFullLength = 0; }
+  } length(end);
   writer.writeInt(0);
   writer.writeInt(refs.getStartAndCountLength());
   writer.writeBytes(refs.getStartAndCount(), 4 * static_cast<jlong>(refs.getStartAndCountLength()));
@@ -25,7 +30,6 @@ void writeIndexSection(ObjectStorage* storage, SnapshotWriter& writer) {
   for (jint id = ObjectStorage::ARRAY_REFS; id < ObjectStorage::ARRAY_COUNT; id++) {
     storage->getArray(id)->writeArray(writer);
   }
-  ourIndexFileFullLength = 0;
 }
 
 void writeCachedStorageSnapshot(JNIEnv* env, DB* db, ObjectStorage* storage, SnapshotWriter& writer, jlong flags) {
