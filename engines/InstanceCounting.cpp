@@ -47,18 +47,28 @@ void InstanceCounting::gatherClassInstanceStatistics(JNIEnv* env) {
   IndexPool& rows = myDB->myInstanceCountsTable->getIndexPool();
   jint count = 0;
   jclass* classes = nullptr;
-  check_JVMTI_error(ourJVMTI4->GetLoadedClasses(&count, &classes));
+  // A capture or a table update that runs on as the JVM dies (a periodic capture, a client's
+  // request) finds JVMTI refusing everything: then nothing is counted, and the counts of the
+  // last pass stay as they are.
+  jvmtiError error = ourJVMTI4->GetLoadedClasses(&count, &classes);
+  if (error == JVMTI_ERROR_WRONG_PHASE) {
+    return;
+  }
+  check_JVMTI_error(error);
   for (jint i = 0; i < count; i++) {
     jlong tag = 0;
-    check_JVMTI_error(ourJVMTI4->GetTag(classes[i], &tag));
+    if (ourJVMTI4->GetTag(classes[i], &tag) != JVMTI_ERROR_NONE) {
+      tag = -1;  // dying under the pass: neither named nor counted
+    }
     if (tag == 0) {
       char* signature = nullptr;
       if (ourJVMTI4->GetClassSignature(classes[i], &signature, nullptr) == JVMTI_ERROR_NONE) {
         jint row = rows.nextIndex();
-        myNewRows->push(row);
-        myNewNames->push(classSignature2fqName(signature));
+        if (ourJVMTI4->SetTag(classes[i], row) == JVMTI_ERROR_NONE) {
+          myNewRows->push(row);
+          myNewNames->push(classSignature2fqName(signature));
+        }
         deallocate(signature);
-        check_JVMTI_error(ourJVMTI4->SetTag(classes[i], row));
       }
     }
     env->DeleteLocalRef(classes[i]);
@@ -79,7 +89,14 @@ void InstanceCounting::gatherClassInstanceStatistics(JNIEnv* env) {
   jvmtiHeapCallbacks callbacks;
   memset(&callbacks, 0, sizeof(callbacks));
   callbacks.heap_iteration_callback = countObject;
-  check_JVMTI_error(ourJVMTI4->IterateThroughHeap(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks, this));
+  error = ourJVMTI4->IterateThroughHeap(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks, this);
+  if (error == JVMTI_ERROR_WRONG_PHASE) {
+    // No walk, no figures: zeros would tell every class's instances gone.
+    delete[] myFigures;
+    myFigures = nullptr;
+    return;
+  }
+  check_JVMTI_error(error);
 }
 
 jint JNICALL InstanceCounting::countObject(jlong classTag, jlong size, jlong*, jint, void* userData) {

@@ -113,6 +113,13 @@ class ThreadSuspension {
 
 bool captureSnapshotToFile(JNIEnv* env, const char* path, jint progressHandle, jlong flags, bool suspendThreads,
                            KString* error) {
+  // A capture asked for as the JVM ends (a periodic one, a client's) would find JVMTI refusing
+  // everything once the exit snapshot is written (the exit snapshot itself is taken while the
+  // JVM's death is announced, still live).
+  if (ourVMDeathCalled && currentPhase() == JVMTI_PHASE_DEAD) {
+    *error = "The JVM is shutting down";
+    return false;
+  }
   // Counted before ourLock is taken: the heap walk needs no lock, and probes shouldn't wait for it.
   InstanceCounting counting(env, ourDB, env != nullptr ? 1 << INSTANCECOUNTS_TABLE_ID : 0);
   if (env != nullptr) {

@@ -28,6 +28,9 @@ struct FakeHeap {
   std::vector<FakeClass*> classes;
   std::vector<FakeObject> objects;
   int walks = 0;
+  // The JVM has died: JVMTI refuses everything, or (dying under the pass) the walk only.
+  bool dead = false;
+  bool walkRefused = false;
 };
 
 FakeHeap* ourHeap = nullptr;
@@ -41,6 +44,9 @@ class HeapCensusTest : public CPUEngineTest {
     CPUEngineTest::SetUp();
     ourHeap = &myHeap;
     myJVMTITable.GetLoadedClasses = [](jvmtiEnv*, jint* count, jclass** classes) -> jvmtiError {
+      if (ourHeap->dead) {
+        return JVMTI_ERROR_WRONG_PHASE;
+      }
       *count = static_cast<jint>(ourHeap->classes.size());
       ourFakeCPUVM->outstandingAllocations++;
       *classes = static_cast<jclass*>(malloc(sizeof(jclass) * (ourHeap->classes.size() + 1)));
@@ -69,6 +75,9 @@ class HeapCensusTest : public CPUEngineTest {
     };
     myJVMTITable.IterateThroughHeap = [](jvmtiEnv* env, jint filter, jclass, const jvmtiHeapCallbacks* callbacks,
                                          const void* data) -> jvmtiError {
+      if (ourHeap->dead || ourHeap->walkRefused) {
+        return JVMTI_ERROR_WRONG_PHASE;
+      }
       ourHeap->walks++;
       for (FakeObject& object : ourHeap->objects) {
         if (env == ourCountingEnv) {
@@ -164,6 +173,17 @@ TEST_F(HeapCensusTest, InstanceCountsNameEachClassOnceAndStampOnlyWhatChanged) {
   EXPECT_EQ(5, rowOf(idle)->myModificationStamp);
   // Rows belong to classes one to one.
   EXPECT_EQ(3, ourDB->myInstanceCountsTable->getIndexPool().nextIndex() - 1);
+
+  // A pass that the dying JVM refuses, from the start or at its walk, changes no count and
+  // ends nothing.
+  ourDB->myModificationStamp = 12;
+  for (bool refusedFromStart : {true, false}) {
+    myHeap.dead = refusedFromStart;
+    myHeap.walkRefused = !refusedFromStart;
+    count();
+    EXPECT_EQ(3, rowOf(strings)->myCount);
+    EXPECT_EQ(5, rowOf(strings)->myModificationStamp);
+  }
 }
 
 TEST_F(HeapCensusTest, CountingRunsOnlyForTheInstanceCountsTableOfTheAgentsDatabase) {

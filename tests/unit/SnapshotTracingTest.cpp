@@ -48,6 +48,14 @@ TEST_F(SnapshotTracingTest, CallsInProgressCountInTheSnapshotAndGoOnWithoutBeing
 
   TempDir dir;
   KString error;
+  // Once the JVM has died, a capture is refused with a reason, and writes no file.
+  ourVMDeathCalled = true;
+  myFake.phase = JVMTI_PHASE_DEAD;
+  EXPECT_FALSE(captureSnapshotToFile(nullptr, dir.file("late.snapshot").c_str(), 0, 0, false, &error));
+  EXPECT_STREQ("The JVM is shutting down", error.get());
+  EXPECT_NE(0, access(dir.file("late.snapshot").c_str(), F_OK));
+  myFake.phase = JVMTI_PHASE_LIVE;
+  ourVMDeathCalled = false;
   ASSERT_TRUE(captureSnapshotToFile(nullptr, dir.file("open.snapshot").c_str(), 0, 0, false, &error)) << error.get();
   // The open call is in the file with its time so far, and the thread is still inside it.
   jlong inFile = ourDB->myCPUProfilingTable->getRecord(
