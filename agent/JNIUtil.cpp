@@ -129,6 +129,14 @@ void check_JVMTI_error_impl(jvmtiError error, const char* file, int line) {
   KASSERT(error == JVMTI_ERROR_NONE);
 }
 
+bool check_JVMTI_alive_impl(jvmtiError error, const char* file, int line) {
+  if (error == JVMTI_ERROR_WRONG_PHASE && ourVMDeathCalled) {
+    return false;
+  }
+  check_JVMTI_error_impl(error, file, line);
+  return true;
+}
+
 void assertJNI_impl(JNIEnv* env, const char* file, int line) {
   if (env->ExceptionOccurred() == nullptr) {
     return;

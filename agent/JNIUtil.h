@@ -38,6 +38,13 @@ void deallocate(void* memory);
 void check_JVMTI_error_impl(jvmtiError error, const char* file, int line);
 #define check_JVMTI_error(error) check_JVMTI_error_impl((error), __FILE__, __LINE__)
 
+// For work that a client's request or an agent thread may still be doing as the JVM dies: true
+// when the call succeeded, false when the JVM refused it for having died since its death event
+// (the caller then drops its work, which nobody can receive any more); any other error ends the
+// process as check_JVMTI_error does.
+bool check_JVMTI_alive_impl(jvmtiError error, const char* file, int line);
+#define check_JVMTI_alive(error) check_JVMTI_alive_impl((error), __FILE__, __LINE__)
+
 // After a JNI call that must not fail: if an exception is pending, names the call site,
 // describes and clears the exception and exits with status -1.
 void assertJNI_impl(JNIEnv* env, const char* file, int line);

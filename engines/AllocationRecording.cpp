@@ -21,7 +21,7 @@ jint start(JNIEnv* env, const AllocationRecordingSettings& settings) {
   ourAllocationRecordingSettings = settings;
   ourStatus |= ALLOCATION_RECORDING_BIT;
   redefineCallbackAfterStatusChange(env);
-  check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_VM_OBJECT_ALLOC, nullptr));
+  check_JVMTI_alive(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_VM_OBJECT_ALLOC, nullptr));
   return ERRORCODE_OK;
 }
 
@@ -31,7 +31,7 @@ void stop(JNIEnv* env) {
     return;
   }
   ourStatus &= ~ALLOCATION_RECORDING_BIT;
-  check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_VM_OBJECT_ALLOC, nullptr));
+  check_JVMTI_alive(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_VM_OBJECT_ALLOC, nullptr));
   redefineCallbackAfterStatusChange(env);
 }
 

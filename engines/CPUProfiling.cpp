@@ -76,7 +76,7 @@ jint startCPUProfilingWithSpecs(JNIEnv* env, jlong mode, const char* filters, co
   ourContainsInvocations = (ourStatus & CPU_COUNTS_BIT) != 0;
   if ((mode & CPU_COUNTS_BIT) != 0) {
     if (exceptionEventsWanted()) {
-      check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+      check_JVMTI_alive(ourJVMTI->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_EXCEPTION, nullptr));
     }
     redefineCallbackAfterStatusChange(env);
   }
@@ -104,7 +104,7 @@ void stopCPUProfiling(JNIEnv* env) {
     return;
   }
   if (exceptionEventsWanted()) {
-    check_JVMTI_error(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
+    check_JVMTI_alive(ourJVMTI->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_EXCEPTION, nullptr));
   }
   // With sampled times the entry times are not times: the stacks go without charging anything,
   // so that a later start that reads the clock never takes them for times.

@@ -63,6 +63,6 @@ jint getClassNameStrID(JNIEnv* env, jvmtiEnv* tags, jobject object, bool tagObje
 
 void clearAllTags(jvmtiEnv* tags) {
   if (tags != nullptr) {
-    check_JVMTI_error(tags->IterateOverHeap(JVMTI_HEAP_OBJECT_TAGGED, untag, nullptr));
+    check_JVMTI_alive(tags->IterateOverHeap(JVMTI_HEAP_OBJECT_TAGGED, untag, nullptr));
   }
 }

@@ -27,7 +27,9 @@ jint JNICALL markUnmarkedObject(jlong, jlong, jlong* tagPtr, jint, void* userDat
 void markUnmarkedClasses(JNIEnv* env, jint generation) {
   jint count = 0;
   jclass* classes = nullptr;
-  check_JVMTI_error(ourJVMTI->GetLoadedClasses(&count, &classes));
+  if (!check_JVMTI_alive(ourJVMTI->GetLoadedClasses(&count, &classes))) {
+    return;
+  }
   for (jint i = 0; i < count; i++) {
     jlong tag = 0;
     check_JVMTI_error(ourJVMTI->GetTag(classes[i], &tag));
@@ -64,8 +66,8 @@ void markMemory(JNIEnv* env, jint type, const KString& description) {
   jvmtiHeapCallbacks callbacks;
   memset(&callbacks, 0, sizeof(callbacks));
   callbacks.heap_iteration_callback = markUnmarkedObject;
-  check_JVMTI_error(ourJVMTI->IterateThroughHeap(0, nullptr, &callbacks, &generation));
-  if (ourIsIBM) {
+  // A mark asked for as the JVM dies marks nothing: no capture can show it any more.
+  if (check_JVMTI_alive(ourJVMTI->IterateThroughHeap(0, nullptr, &callbacks, &generation)) && ourIsIBM) {
     markUnmarkedClasses(env, generation);
   }
 }

@@ -50,11 +50,9 @@ void InstanceCounting::gatherClassInstanceStatistics(JNIEnv* env) {
   // A capture or a table update that runs on as the JVM dies (a periodic capture, a client's
   // request) finds JVMTI refusing everything: then nothing is counted, and the counts of the
   // last pass stay as they are.
-  jvmtiError error = ourJVMTI4->GetLoadedClasses(&count, &classes);
-  if (error == JVMTI_ERROR_WRONG_PHASE) {
+  if (!check_JVMTI_alive(ourJVMTI4->GetLoadedClasses(&count, &classes))) {
     return;
   }
-  check_JVMTI_error(error);
   for (jint i = 0; i < count; i++) {
     jlong tag = 0;
     if (ourJVMTI4->GetTag(classes[i], &tag) != JVMTI_ERROR_NONE) {
@@ -89,14 +87,12 @@ void InstanceCounting::gatherClassInstanceStatistics(JNIEnv* env) {
   jvmtiHeapCallbacks callbacks;
   memset(&callbacks, 0, sizeof(callbacks));
   callbacks.heap_iteration_callback = countObject;
-  error = ourJVMTI4->IterateThroughHeap(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks, this);
-  if (error == JVMTI_ERROR_WRONG_PHASE) {
+  if (!check_JVMTI_alive(ourJVMTI4->IterateThroughHeap(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks,
+                                                        this))) {
     // No walk, no figures: zeros would tell every class's instances gone.
     delete[] myFigures;
     myFigures = nullptr;
-    return;
   }
-  check_JVMTI_error(error);
 }
 
 jint JNICALL InstanceCounting::countObject(jlong classTag, jlong size, jlong*, jint, void* userData) {

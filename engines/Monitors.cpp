@@ -31,7 +31,7 @@ void switchMonitorEvents(jvmtiEventMode mode) {
     return;
   }
   for (jvmtiEvent event : MONITOR_EVENTS) {
-    check_JVMTI_error(ourJVMTI->SetEventNotificationMode(mode, event, nullptr));
+    check_JVMTI_alive(ourJVMTI->SetEventNotificationMode(mode, event, nullptr));
   }
 }
 

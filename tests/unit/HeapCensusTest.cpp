@@ -177,6 +177,7 @@ TEST_F(HeapCensusTest, InstanceCountsNameEachClassOnceAndStampOnlyWhatChanged) {
   // A pass that the dying JVM refuses, from the start or at its walk, changes no count and
   // ends nothing.
   ourDB->myModificationStamp = 12;
+  ourVMDeathCalled = true;
   for (bool refusedFromStart : {true, false}) {
     myHeap.dead = refusedFromStart;
     myHeap.walkRefused = !refusedFromStart;

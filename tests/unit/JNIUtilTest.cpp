@@ -253,6 +253,15 @@ TEST_F(JNIUtilTest, JVMTIErrorEndsTheProcessWithItsName) {
                "ERROR: JVMTI error err=110\\(JVMTI_ERROR_OUT_OF_MEMORY\\) in Agent.cpp:42");
   myFake.allocateResult = JVMTI_ERROR_OUT_OF_MEMORY;
   EXPECT_DEATH(allocate(16), "JVMTI error err=110.*JNIUtil.cpp");
+
+  // Work that outlives the JVM's death event is told so and dropped; before it, a refused
+  // phase is the agent's fault like any other error.
+  EXPECT_TRUE(check_JVMTI_alive_impl(JVMTI_ERROR_NONE, "Here.cpp", 2));
+  EXPECT_DEATH(check_JVMTI_alive_impl(JVMTI_ERROR_WRONG_PHASE, "Early.cpp", 3), "err=112.* in Early.cpp:3");
+  ourVMDeathCalled = true;
+  EXPECT_FALSE(check_JVMTI_alive_impl(JVMTI_ERROR_WRONG_PHASE, "Late.cpp", 4));
+  EXPECT_DEATH(check_JVMTI_alive_impl(JVMTI_ERROR_OUT_OF_MEMORY, "Late.cpp", 5), "err=110.* in Late.cpp:5");
+  ourVMDeathCalled = false;
 }
 
 TEST_F(JNIUtilTest, MemoryAndHeapWalkGoThroughTheToolInterface) {

@@ -77,9 +77,10 @@ TEST_P(SampleTimerTest, SignalsTheThreadThatBurnsItsCPUWithItsTokenUntilDisarmed
   usleep(50000);
   EXPECT_EQ(0, ourOwnSignals.load());
   // 2 ms periods over 200 ms of CPU: 100 signals, fewer where the kernel's tick (up to 10 ms)
-  // is coarser than the period.
+  // is coarser than the period. A POSIX timer is looked at only at a tick that finds the thread
+  // running, so on a loaded machine its expiries coalesce further (8 in 200 ms were seen).
   burnCPU(200000000);
-  EXPECT_GE(ourOwnSignals.load(), 15);
+  EXPECT_GE(ourOwnSignals.load(), GetParam() == SampleTimer::PERF_TASK_CLOCK ? 15 : 3);
   EXPECT_LE(ourOwnSignals.load(), 110);
   EXPECT_EQ(0, ourForeignSignals.load());
   EXPECT_EQ(currentTid(), ourLastReceiver.load());
@@ -97,8 +98,15 @@ TEST_P(SampleTimerTest, RearmSetsTheNextInterval) {
   burnCPU(60000000);
   EXPECT_EQ(0, ourOwnSignals.load());
   timer.rearm(1000000, 1000000);
-  burnCPU(100000000);
-  EXPECT_GE(ourOwnSignals.load(), 8);
+  // The old interval had 940 ms of CPU to go; the new one fires within a few kernel ticks of
+  // the thread's CPU. How many signals follow depends on the load: a CPU timer is looked at
+  // only at a tick that finds the thread running, and expiries in between coalesce.
+  int64_t start = threadCPUNs();
+  while (ourOwnSignals.load() == 0 && threadCPUNs() - start < 500000000) {
+    burnCPU(1000000);
+  }
+  EXPECT_GT(ourOwnSignals.load(), 0);
+  EXPECT_LT(threadCPUNs() - start, 500000000);
   timer.disarm();
 }
 
