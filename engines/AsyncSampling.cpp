@@ -277,7 +277,9 @@ void onSignal(int signo, siginfo_t* info, void* context) {
   int savedErrno = errno;
   uint64_t token = SampleTimer::tokenOf(info);
   if ((token & TOKEN_MARK_MASK) != TOKEN_MARK) {
-    passToPreviousHandler(signo, info, context);
+    if (!SampleTimer::isStale(info)) {
+      passToPreviousHandler(signo, info, context);
+    }
     errno = savedErrno;
     return;
   }

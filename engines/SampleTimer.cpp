@@ -149,16 +149,32 @@ void SampleTimer::disarm() {
   timer_delete(myTimer);
 }
 
+namespace {
+
+// The descriptor of a signal that a perf timer may have sent, -1 for any other signal. A perf
+// descriptor's signal carries the poll band of its event: POLL_IN for each period.
+int perfSignalFd(const siginfo_t* info) {
+  if (info->si_code != POLL_IN && info->si_code != POLL_HUP) {
+    return -1;
+  }
+  int fd = info->si_fd;
+  return fd >= 0 && fd < SampleTimer::MAX_PERF_FD ? fd : -1;
+}
+
+}  // namespace
+
+bool SampleTimer::isStale(const siginfo_t* info) {
+  int fd = perfSignalFd(info);
+  return fd != -1 && ourFdTokens[fd].load(std::memory_order_acquire) != 0 &&
+         ourFdThreads[fd].load(std::memory_order_acquire) != currentTid();
+}
+
 uint64_t SampleTimer::tokenOf(const siginfo_t* info) {
   if (info->si_code == SI_TIMER) {
     return reinterpret_cast<uint64_t>(info->si_value.sival_ptr);
   }
-  // A perf descriptor's signal carries the poll band of its event: POLL_IN for each period.
-  if (info->si_code != POLL_IN && info->si_code != POLL_HUP) {
-    return 0;
-  }
-  int fd = info->si_fd;
-  if (fd < 0 || fd >= MAX_PERF_FD) {
+  int fd = perfSignalFd(info);
+  if (fd == -1) {
     return 0;
   }
   int before = ourFdThreads[fd].load(std::memory_order_acquire);

@@ -45,10 +45,17 @@ class SampleTimer {
 
   bool isArmed() const { return myArmed; }
   Kind kind() const { return myKind; }
+  // The perf event's descriptor; -1 for a POSIX timer or when disarmed.
+  int descriptor() const { return myFd; }
 
   // From the signal handler: the token of the timer that sent this signal to the calling thread,
   // 0 for a signal that didn't come from an armed SampleTimer of this thread. Async-signal-safe.
   static uint64_t tokenOf(const siginfo_t* info);
+
+  // From the signal handler, for a signal without a token: whether a perf timer of another
+  // thread sent it, on a descriptor that has served a timer since (the signal was on its way when
+  // its timer was disarmed). It is nobody's to handle. Async-signal-safe.
+  static bool isStale(const siginfo_t* info);
 
   // Descriptors at or above this number are not used for perf timers: the handler finds a
   // signal's token in a table indexed by descriptor.
