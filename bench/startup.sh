@@ -75,7 +75,10 @@ if [ -f "$sources_zip" ] && [ "$javac_runs" -gt 0 ]; then
     # javac runs in-process: the agent option is given to its JVM with -J. The agent runs as
     # given and again without exception events, whose capability alone makes HotSpot
     # deoptimise every compiled frame an exception passes through (javac throws and catches
-    # often); the two ratios tell that cost from the rest.
+    # often); the two ratios tell that cost from the rest. A bare agent that holds only that
+    # capability (bench/exception-capability.c) shows HotSpot's share of it.
+    cc -O2 -shared -fPIC -I"$jdk/include" -I"$jdk/include/linux" -o "$work/libexceptioncapability.so" \
+        "$root/bench/exception-capability.c"
     javac_once() {
         rm -rf "$work/out" && mkdir "$work/out"
         measure "$jdk/bin/javac" "$@" --patch-module "java.base=$work/src/java.base" -d "$work/out" -nowarn \
@@ -84,16 +87,19 @@ if [ -f "$sources_zip" ] && [ "$javac_runs" -gt 0 ]; then
     : > "$work/javac_without"
     : > "$work/javac_with"
     : > "$work/javac_noexc"
+    : > "$work/javac_capability"
     for ((i = 0; i < javac_runs; i++)); do
         javac_once >> "$work/javac_without"
         javac_once "-J-agentpath:$agent=$options" >> "$work/javac_with"
         javac_once "-J-agentpath:$agent=$options,disableexceptions" >> "$work/javac_noexc"
+        javac_once "-J-agentpath:$work/libexceptioncapability.so" >> "$work/javac_capability"
     done
     without=$(median < "$work/javac_without")
     with=$(median < "$work/javac_with")
     noexc=$(median < "$work/javac_noexc")
+    capability=$(median < "$work/javac_capability")
     ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", a / b }'; }
-    printf 'javac java.util (%d files), CPU ms, medians of %d runs: without %d, with %d (ratio %s), with disableexceptions %d (ratio %s); target 1.05\n' \
+    printf 'javac java.util (%d files), CPU ms, medians of %d runs: without %d, with %d (ratio %s), with disableexceptions %d (ratio %s), bare agent holding the exception capability %d (ratio %s); target 1.05\n' \
         "$(wc -l < "$work/sources")" "$javac_runs" "$without" "$with" "$(ratio "$with" "$without")" \
-        "$noexc" "$(ratio "$noexc" "$without")"
+        "$noexc" "$(ratio "$noexc" "$without")" "$capability" "$(ratio "$capability" "$without")"
 fi
