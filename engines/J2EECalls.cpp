@@ -47,6 +47,14 @@ void correctWallTimes(ThreadInfo* info) {
 
 bool isRecording() { return (ourStatus & CPU_J2EE_BIT) != 0; }
 
+// The probe's method type, or 0 when the object it was called on (asked about by
+// kjpIsJ2EEClass just before, on this thread) implements no interface with methods of that
+// type: InitialContext.close() has the name and descriptor of Connection.close().
+jshort receiverKind(jshort kind) {
+  ThreadInfo* info = getCurrentThreadInfo();
+  return kind == 0 || info == nullptr || (info->myJ2EEReceiverTypes & (1 << kind)) != 0 ? kind : 0;
+}
+
 // Entry with a text known before the lock: a string argument, or the text tagged on the object.
 void entryWithString(JNIEnv* env, jstring text, jshort kind) {
   if (kind == 0 || !isRecording()) {
@@ -189,18 +197,24 @@ jstring getRequestURI(JNIEnv* env, jobject request) {
 extern "C" {
 
 JNIEXPORT jboolean JNICALL Java_com_kestrix_runtime_Callback_kjpIsJ2EEClass(JNIEnv* env, jclass, jobject object) {
-  if (object == nullptr || ourJVMTI6 == nullptr || ourVMDeathCalled) {
-    return JNI_FALSE;
-  }
-  jclass klass = env->GetObjectClass(object);
   jlong tag = 0;
-  jvmtiError error = ourJVMTI6->GetTag(klass, &tag);
-  env->DeleteLocalRef(klass);
-  return error == JVMTI_ERROR_NONE && tag != 0 ? JNI_TRUE : JNI_FALSE;
+  if (object != nullptr && ourJVMTI6 != nullptr && !ourVMDeathCalled) {
+    jclass klass = env->GetObjectClass(object);
+    if (ourJVMTI6->GetTag(klass, &tag) != JVMTI_ERROR_NONE) {
+      tag = 0;
+    }
+    env->DeleteLocalRef(klass);
+  }
+  ThreadInfo* info = getCurrentThreadInfo();
+  if (info != nullptr) {
+    info->myJ2EEReceiverTypes = static_cast<jint>(tag);
+  }
+  return tag != 0 ? JNI_TRUE : JNI_FALSE;
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpServletEntry(JNIEnv* env, jclass, jobject request,
                                                                         jshort kind) {
+  kind = receiverKind(kind);
   if (kind == 0 || !isRecording()) {
     return;
   }
@@ -212,16 +226,19 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpServletEntry(JNIEnv*
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpServletExit(JNIEnv* env, jclass, jobject, jshort kind) {
+  kind = receiverKind(kind);
   exitCall(env, kind);
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry1(JNIEnv* env, jclass, jobject text,
                                                                      jshort kind) {
+  kind = receiverKind(kind);
   entryWithString(env, static_cast<jstring>(text), kind);
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry2(JNIEnv* env, jclass, jobject statement,
                                                                      jshort kind) {
+  kind = receiverKind(kind);
   if (kind == 0 || !isRecording()) {
     return;
   }
@@ -237,6 +254,7 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry2(JNIEnv* en
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry3(JNIEnv* env, jclass, jobject text,
                                                                      jshort kind) {
+  kind = receiverKind(kind);
   entryWithString(env, static_cast<jstring>(text), kind);
 }
 
@@ -245,6 +263,7 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLEntry3(JNIEnv* en
 // recording runs: statements are often prepared once, before anyone starts profiling.
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLExit1(JNIEnv* env, jclass, jobject statement,
                                                                     jobject text, jshort kind) {
+  kind = receiverKind(kind);
   if (kind == 0) {
     return;
   }
@@ -258,10 +277,12 @@ JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLExit1(JNIEnv* env
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLExit2(JNIEnv* env, jclass, jobject, jshort kind) {
+  kind = receiverKind(kind);
   exitCall(env, kind);
 }
 
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpSQLExit3(JNIEnv* env, jclass, jobject, jshort kind) {
+  kind = receiverKind(kind);
   exitCall(env, kind);
 }
 

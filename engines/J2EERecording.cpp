@@ -84,9 +84,11 @@ void JNICALL markJ2EEClass(jvmtiEnv*, JNIEnv* env, jthread, jclass klass) {
   if (ourJVMTI->IsInterface(klass, &isInterface) != JVMTI_ERROR_NONE || isInterface) {
     return;
   }
-  bool isJ2EEClass = J2EEHelper::isClassImplementsSQLInterfaces(env, klass);
+  // The tag is the class's J2EE method types, which the probes' natives check their own against.
+  jint types = J2EEHelper::methodTypesOf(env, klass);
+  bool isJ2EEClass = types != 0;
   if (isJ2EEClass && ourJVMTI6 != nullptr) {
-    ourJVMTI6->SetTag(klass, 1);
+    ourJVMTI6->SetTag(klass, types);
   }
   settleProbedMethods(klass, isJ2EEClass);
 }

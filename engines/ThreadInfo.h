@@ -108,6 +108,9 @@ class alignas(64) ThreadInfo {
   // Accumulated frame time at each open j2ee call.
   KVector<jlong> myJ2EETimesStack;
   KVector<J2EERecord*> myJ2EERecordsStack;
+  // The J2EE method types of the class of the object that a J2EE probe asked about last
+  // (kjpIsJ2EEClass), which the probe's native, called right after it, checks its type against.
+  jint myJ2EEReceiverTypes = 0;
   // Thread CPU time at the previous sample; 0 when none yet.
   jlong myLastCPUTimeNs;
   // The thread's tree must be wall-time corrected before it is read.

@@ -1,6 +1,7 @@
 #include "instrument/J2EEHelper.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "agent/KAssert.h"
 #include "classfile/ClassFile.h"
@@ -32,6 +33,12 @@ const char* const INTERFACE_NAMES[] = {
     "Ljakarta/servlet/ServletContext;",
     "Ljakarta/servlet/jsp/PageContext;",
 };
+
+// The J2EE method type of each interface's rows in the catalogue below, in the order above.
+const int INTERFACE_METHOD_TYPES[] = {1, 1, 1, 2, 4, 5, 6, 6, 6, 6, 7, 7, 4, 5, 6, 6, 6, 6};
+static_assert(sizeof(INTERFACE_METHOD_TYPES) / sizeof(INTERFACE_METHOD_TYPES[0]) ==
+                  sizeof(INTERFACE_NAMES) / sizeof(INTERFACE_NAMES[0]),
+              "a method type for each interface");
 
 // Name, descriptor, J2EE instrumentation type, J2EE method type (1 JDBC, 2 driver connect,
 // 4 servlet service, 5 JSP service, 6 request dispatching, 7 JNDI).
@@ -185,6 +192,15 @@ J2EEHelper::J2EEHelper() {
       ourCatalogueEntries[i] = method;
     }
   }
+}
+
+jint J2EEHelper::methodTypesOfInterface(const char* signature) {
+  for (size_t i = 0; i < sizeof(INTERFACE_NAMES) / sizeof(INTERFACE_NAMES[0]); i++) {
+    if (strcmp(INTERFACE_NAMES[i], signature) == 0) {
+      return 1 << INTERFACE_METHOD_TYPES[i];
+    }
+  }
+  return 0;
 }
 
 const J2EEMethod* J2EEHelper::find(const char* name, const char* descriptor) {

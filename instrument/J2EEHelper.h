@@ -39,6 +39,15 @@ class J2EEHelper {
   // its interfaces' supertypes or through a superclass. Asks the JVM, through ourJVMTI, about
   // a class that is at least prepared.
   static bool isClassImplementsSQLInterfaces(JNIEnv* env, jclass klass);
+
+  // The J2EE method types (bit 1 << type) of the catalogue interfaces that the class is or
+  // implements, found as above; 0 for no J2EE class. A method of the catalogue is a J2EE call
+  // only on an object whose class has its type: a JNDI context's close() has the name and
+  // descriptor of a JDBC connection's.
+  static jint methodTypesOf(JNIEnv* env, jclass klass);
+
+  // The bit of the catalogue interface with this class signature, 0 for any other.
+  static jint methodTypesOfInterface(const char* signature);
 };
 
 #endif

@@ -124,13 +124,19 @@ TEST_F(J2EERecordingTest, CatalogueInterfacesAreFoundThroughInterfacesAndSupercl
   EXPECT_TRUE(implementsSQL(ldap));
   EXPECT_FALSE(implementsSQL(unrelated));
   EXPECT_FALSE(implementsSQL(object));
+  // The method types come from every supertype: a JNDI context is no JDBC connection, and a
+  // class may be both.
+  EXPECT_EQ(1 << 7, J2EEHelper::methodTypesOf(&myEnv, handleOf(ldap)));
+  EXPECT_EQ(1 << 1, J2EEHelper::methodTypesOf(&myEnv, handleOf(base)));
+  FakeClass* both = declare("Lcom/acme/Both;", false, {dirContext}, base);
+  EXPECT_EQ((1 << 1) | (1 << 7), J2EEHelper::methodTypesOf(&myEnv, handleOf(both)));
 
   // Every interface handle and every superclass reached is given back to the JVM.
   myFake.deletedRefs = 0;
   EXPECT_TRUE(implementsSQL(concrete));
   // base (superclass of concrete), pooled (interface of base), runnable and connection
-  // (interfaces of pooled); the search stops before base's superclass.
-  EXPECT_EQ(4, myFake.deletedRefs);
+  // (interfaces of pooled), and base's superclass Object.
+  EXPECT_EQ(5, myFake.deletedRefs);
   myFake.deletedRefs = 0;
   EXPECT_FALSE(implementsSQL(unrelated));
   EXPECT_EQ(2, myFake.deletedRefs);  // runnable and Object
@@ -148,7 +154,7 @@ TEST_F(J2EERecordingTest, PreparedClassesImplementingCatalogueInterfacesAreMarke
   markJ2EEClass(&myJVMTI, &myEnv, nullptr, handleOf(impl));
   ASSERT_EQ(1u, ourJ2EETags.size());
   EXPECT_EQ(reinterpret_cast<jobject>(impl), ourJ2EETags[0].first);
-  EXPECT_EQ(1, ourJ2EETags[0].second);
+  EXPECT_EQ(1 << 1, ourJ2EETags[0].second) << "the tag holds the JDBC method type";
 
   // The ClassPrepare that the agent installs reaches the mark too, beside the allocation count.
   jvmtiEventCallbacks callbacks;
@@ -346,6 +352,12 @@ TEST_F(J2EECatchTest, WithoutExceptionEventsEntriesAndExitsDropTheCallsAnExcepti
 
 TEST_F(J2EECatchTest, AnEntryNativeBooksItsCallAtThePathOfTheStackItTookBeforeTheLock) {
   myFake.currentStack = {myExecute, myQuery, myServe, myRun};
+  // The probe asked about its receiver first: a JNDI context's method of a JDBC name and
+  // descriptor books nothing, a statement's does.
+  myThread->myJ2EEReceiverTypes = 1 << 7;
+  Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
+  EXPECT_EQ(0, myThread->myJ2EERecordsStack.size());
+  myThread->myJ2EEReceiverTypes = 1 << 1;
   Java_com_kestrix_runtime_Callback_kjpSQLEntry2(&myEnv, nullptr, nullptr, 1);
   ASSERT_EQ(1, myThread->myJ2EERecordsStack.size());
   J2EERecord* record = myThread->myJ2EERecordsStack.get(0);

@@ -253,6 +253,8 @@ class J2EEServletTest {
         assertEquals(A, callsInside(rows, a, 6, ".include", "/part"));
         assertEquals(B, callsInside(rows, b, 6, ".forward", "/view"));
         assertEquals(A, callsInside(rows, a, 7, "InitialContext.lookup", container.jndiName));
+        // The context's close() has a JDBC connection's name and descriptor, and is no JDBC call.
+        assertEquals(List.of(), rows.stream().filter(r -> r.leaf().contains("Context.close")).toList());
         // A compiled page: its _jspService inside its servlet's service, both at the page's URI.
         List<Row> pages = outerRequests(rows, "/page.jsp");
         assertEquals(PAGE, pages.stream().mapToLong(Row::count).sum(), pages.toString());
