@@ -12,33 +12,33 @@ KSet<const char*> J2EEHelper::ourAllInterfaceNames(64);
 
 namespace {
 
-const char* const INTERFACE_NAMES[] = {
-    "Ljava/sql/Connection;",
-    "Ljava/sql/Statement;",
-    "Ljava/sql/PreparedStatement;",
-    "Ljava/sql/Driver;",
-    "Ljavax/servlet/http/HttpServlet;",
-    "Ljavax/servlet/jsp/HttpJspPage;",
-    "Ljavax/servlet/RequestDispatcher;",
-    "Ljavax/servlet/ServletRequest;",
-    "Ljavax/servlet/ServletContext;",
-    "Ljavax/servlet/jsp/PageContext;",
-    "Ljavax/naming/Context;",
-    "Ljavax/naming/directory/DirContext;",
-    // Servlet containers of today use the Jakarta namespace.
-    "Ljakarta/servlet/http/HttpServlet;",
-    "Ljakarta/servlet/jsp/HttpJspPage;",
-    "Ljakarta/servlet/RequestDispatcher;",
-    "Ljakarta/servlet/ServletRequest;",
-    "Ljakarta/servlet/ServletContext;",
-    "Ljakarta/servlet/jsp/PageContext;",
+// The catalogue's interfaces, each with the J2EE method type of its rows below.
+struct CatalogueInterface {
+  const char* mySignature;
+  int myMethodType;
 };
 
-// The J2EE method type of each interface's rows in the catalogue below, in the order above.
-const int INTERFACE_METHOD_TYPES[] = {1, 1, 1, 2, 4, 5, 6, 6, 6, 6, 7, 7, 4, 5, 6, 6, 6, 6};
-static_assert(sizeof(INTERFACE_METHOD_TYPES) / sizeof(INTERFACE_METHOD_TYPES[0]) ==
-                  sizeof(INTERFACE_NAMES) / sizeof(INTERFACE_NAMES[0]),
-              "a method type for each interface");
+const CatalogueInterface INTERFACES[] = {
+    {"Ljava/sql/Connection;", 1},
+    {"Ljava/sql/Statement;", 1},
+    {"Ljava/sql/PreparedStatement;", 1},
+    {"Ljava/sql/Driver;", 2},
+    {"Ljavax/servlet/http/HttpServlet;", 4},
+    {"Ljavax/servlet/jsp/HttpJspPage;", 5},
+    {"Ljavax/servlet/RequestDispatcher;", 6},
+    {"Ljavax/servlet/ServletRequest;", 6},
+    {"Ljavax/servlet/ServletContext;", 6},
+    {"Ljavax/servlet/jsp/PageContext;", 6},
+    {"Ljavax/naming/Context;", 7},
+    {"Ljavax/naming/directory/DirContext;", 7},
+    // Servlet containers of today use the Jakarta namespace.
+    {"Ljakarta/servlet/http/HttpServlet;", 4},
+    {"Ljakarta/servlet/jsp/HttpJspPage;", 5},
+    {"Ljakarta/servlet/RequestDispatcher;", 6},
+    {"Ljakarta/servlet/ServletRequest;", 6},
+    {"Ljakarta/servlet/ServletContext;", 6},
+    {"Ljakarta/servlet/jsp/PageContext;", 6},
+};
 
 // Name, descriptor, J2EE instrumentation type, J2EE method type (1 JDBC, 2 driver connect,
 // 4 servlet service, 5 JSP service, 6 request dispatching, 7 JNDI).
@@ -174,8 +174,8 @@ J2EEHelper ourJ2EEHelper;
 }  // namespace
 
 J2EEHelper::J2EEHelper() {
-  for (const char* name : INTERFACE_NAMES) {
-    ourAllInterfaceNames.add(name);
+  for (const CatalogueInterface& catalogued : INTERFACES) {
+    ourAllInterfaceNames.add(catalogued.mySignature);
   }
   for (int i = 0; i < CATALOGUE_ROWS; i++) {
     const char* const* row = CATALOGUE[i];
@@ -195,9 +195,12 @@ J2EEHelper::J2EEHelper() {
 }
 
 jint J2EEHelper::methodTypesOfInterface(const char* signature) {
-  for (size_t i = 0; i < sizeof(INTERFACE_NAMES) / sizeof(INTERFACE_NAMES[0]); i++) {
-    if (strcmp(INTERFACE_NAMES[i], signature) == 0) {
-      return 1 << INTERFACE_METHOD_TYPES[i];
+  if (!ourAllInterfaceNames.contains(signature)) {
+    return 0;  // the common case, answered by the hash
+  }
+  for (const CatalogueInterface& catalogued : INTERFACES) {
+    if (strcmp(catalogued.mySignature, signature) == 0) {
+      return 1 << catalogued.myMethodType;
     }
   }
   return 0;
