@@ -20,6 +20,7 @@ jclass ourClassCoreGlobalRef = nullptr;
 namespace {
 
 const char* const CALLBACK_CLASS = "com/kestrix/runtime/Callback";
+const char* const CALL_LOG_CLASS = "com/kestrix/runtime/CallLog";
 const char* const CORE_INIT_SIGNATURE =
     "(ILjava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;IIZZZZZJZJIJI)Z";
 
@@ -36,7 +37,7 @@ jobject getSystemClassLoader(JNIEnv* env, jclass* classLoaderClass) {
 void defineRuntimeClasses(JNIEnv* env, jobject loader) {
   for (int i = 0; i < ourEmbeddedClassCount; i++) {
     const EmbeddedClass& row = ourEmbeddedClasses[i];
-    if (strcmp(row.myName, CALLBACK_CLASS) == 0) {
+    if (strcmp(row.myName, CALLBACK_CLASS) == 0 || strcmp(row.myName, CALL_LOG_CLASS) == 0) {
       continue;  // on the boot class path already, through the callback jar
     }
     jclass defined =

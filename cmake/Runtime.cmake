@@ -1,7 +1,7 @@
 # The Java classes that travel inside the agent: compiled from runtime/ with the installed
 # javac for Java 8 (class version 52) and embedded into the library as byte arrays. The
-# callback class goes into a jar of its own; every other class into the table that
-# initializeCore defines into the JVM.
+# callback class and its call log go into a jar of their own; every other class into the table
+# that initializeCore defines into the JVM.
 find_program(KJP_JAVAC javac HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 find_program(KJP_JAR jar HINTS "${KJP_JAVA_HOME}/bin" REQUIRED)
 
@@ -21,8 +21,9 @@ add_custom_command(
   COMMENT "Compiling the embedded Java runtime"
   VERBATIM)
 
-# The callback jar: the one class that must be on the boot class path before any other
-# class loads, as a plain zip with its directory entries and a manifest.
+# The callback jar: the classes that must be on the boot class path before any other class
+# loads (the probes' target and the call log it hands traced calls to), as a plain zip with
+# its directory entries and a manifest.
 set(KJP_CALLBACK_JAR "${CMAKE_BINARY_DIR}/runtime/callback.jar")
 set(KJP_CALLBACK_STAGING "${CMAKE_BINARY_DIR}/runtime/callback")
 add_custom_command(
@@ -30,7 +31,7 @@ add_custom_command(
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${KJP_CALLBACK_JAR} ${KJP_CALLBACK_STAGING}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${KJP_CALLBACK_STAGING}/com/kestrix/runtime
   COMMAND ${CMAKE_COMMAND} -E copy ${KJP_RUNTIME_CLASSES}/com/kestrix/runtime/Callback.class
-          ${KJP_CALLBACK_STAGING}/com/kestrix/runtime/
+          ${KJP_RUNTIME_CLASSES}/com/kestrix/runtime/CallLog.class ${KJP_CALLBACK_STAGING}/com/kestrix/runtime/
   COMMAND ${KJP_JAR} --create --no-compress --date=2009-02-20T14:32:00Z --file ${KJP_CALLBACK_JAR}
           -C ${KJP_CALLBACK_STAGING} .
   DEPENDS ${KJP_RUNTIME_STAMP}

@@ -255,21 +255,17 @@ void takeSample(ThreadSlot* slot, void* context) {
   if (entry == nullptr) {
     return;
   }
-  if (ourTracing.load(std::memory_order_relaxed)) {
-    ThreadInfo* threadInfo = slot->myInfo.load(std::memory_order_acquire);
-    entry->myTracedFrame =
-        threadInfo == nullptr ? -1 : __atomic_load_n(&threadInfo->myCurrentFrameIndex, __ATOMIC_RELAXED);
-  } else {
-    JNIEnv* env = ourThreadEnv;
-    if (env == nullptr) {
-      void* found = nullptr;
-      if (ourVM != nullptr && ourVM->GetEnv(&found, JNI_VERSION_1_6) == JNI_OK) {
-        env = static_cast<JNIEnv*>(found);
-        ourThreadEnv = env;
-      }
+  // Also while tracing: the probes may log their calls for the agent to read later, so the
+  // thread's traced frame can lag behind where it is.
+  JNIEnv* env = ourThreadEnv;
+  if (env == nullptr) {
+    void* found = nullptr;
+    if (ourVM != nullptr && ourVM->GetEnv(&found, JNI_VERSION_1_6) == JNI_OK) {
+      env = static_cast<JNIEnv*>(found);
+      ourThreadEnv = env;
     }
-    entry->myFrameCount = env == nullptr ? WALK_UNKNOWN_NOT_JAVA : walkStack(env, entry->myFrames, context);
   }
+  entry->myFrameCount = env == nullptr ? WALK_UNKNOWN_NOT_JAVA : walkStack(env, entry->myFrames, context);
   slot->myRing.commit();
 }
 
@@ -497,12 +493,30 @@ void chargeCPU(ThreadInfo* info, jint frame, jlong ns) {
   }
 }
 
+// The traced tree's frame of a walked sample: the walk seen as the probes see calls (frames
+// without probes skipped, filtered calls collapsed). A walk that found no Java frame, or too
+// many, goes under its pseudo-frame below the root.
+jint tracedFrameOfWalk(JNIEnv* env, const SampleRing::Entry& entry) {
+  if (entry.myFrameCount <= 0 || entry.myFrameCount >= SampleRing::MAX_FRAMES) {
+    const char* name = entry.myFrameCount <= 0 ? pseudoFrameName(entry.myFrameCount) : TRUNCATED_STACK_FRAME;
+    return ourFrameStorage.getChild(0, pseudoMethod(name));
+  }
+  static jvmtiFrameInfo frames[SampleRing::MAX_FRAMES];  // one drainer, under ourLock
+  jint count = 0;
+  for (jint i = 0; i < entry.myFrameCount; i++) {
+    if (entry.myFrames[i].myMethod != nullptr) {
+      frames[count].method = entry.myFrames[i].myMethod;
+      frames[count].location = 0;
+      count++;
+    }
+  }
+  jint frame = ourFrameStorage.fillTracedFrameFromStack(env, frames, count);
+  return frame != 0 ? frame : ourFrameStorage.getChild(0, pseudoMethod(UNKNOWN_JAVA_FRAME));
+}
+
 void drainSlot(JNIEnv* env, ThreadSlot* slot, ThreadInfo* info) {
   for (const SampleRing::Entry* entry = slot->myRing.peek(); entry != nullptr; entry = slot->myRing.peek()) {
-    jint frame = entry->myTracedFrame;
-    if (!ourTracing.load()) {
-      frame = frameOfWalk(env, *entry);
-    }
+    jint frame = ourTracing.load() ? tracedFrameOfWalk(env, *entry) : frameOfWalk(env, *entry);
     chargeCPU(info, frame, entry->myCPUTimeNs);
     if (frame != -1) {
       slot->myLastFrame = frame;
@@ -549,18 +563,10 @@ bool hasWallTimeMethod(JNIEnv* env, const jvmtiStackInfo& stack) {
   return false;
 }
 
-// Charges 'wall' to the wall-time methods that threads are in. While tracing, the probes know
-// each thread's frame; otherwise the stacks are taken at a safepoint.
+// Charges 'wall' to the wall-time methods that threads are in, from their stacks taken at a
+// safepoint.
 void wallPass(JNIEnv* env, jlong wall) {
   if (wall < 1 || wall > MAX_SAMPLE_DELTA_NS) {
-    return;
-  }
-  if (ourTracing.load()) {
-    forEachLiveThread([&](ThreadInfo* info) {
-      if (!info->myIsAgentThread) {
-        chargeWall(info, info->myCurrentFrameIndex, wall);
-      }
-    });
     return;
   }
   jvmtiStackInfo* stacks = nullptr;
@@ -572,7 +578,10 @@ void wallPass(JNIEnv* env, jlong wall) {
     const jvmtiStackInfo& stack = stacks[i];
     ThreadInfo* info = (stack.state & JVMTI_THREAD_STATE_ALIVE) != 0 ? getThreadInfoJVMTI(stack.thread) : nullptr;
     if (info != nullptr && !info->myIsAgentThread && hasWallTimeMethod(env, stack)) {
-      chargeWall(info, ourFrameStorage.fillCurrentFrameJVMTIFromStackInfo(env, stack, nullptr), wall);
+      jint frame = ourTracing.load()
+                       ? ourFrameStorage.fillTracedFrameFromStack(env, stack.frame_buffer, stack.frame_count)
+                       : ourFrameStorage.fillCurrentFrameJVMTIFromStackInfo(env, stack, nullptr);
+      chargeWall(info, frame, wall);
     }
     env->DeleteLocalRef(stack.thread);
   }

@@ -10,6 +10,7 @@
 #include "db/DB.h"
 #include "db/StringPool.h"
 #include "engines/AsyncSampling.h"
+#include "engines/CallLogs.h"
 #include "engines/Filter.h"
 #include "engines/Sampling.h"
 #include "engines/ThreadInfo.h"
@@ -111,6 +112,7 @@ void stopCPUProfiling(JNIEnv* env) {
   if (ourLinuxFastThreadCPUTimeSupported) {
     forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
+  CallLogs::releaseAll(env);
   ourTracingTimesSampled = false;
   ourStatus &= ~(CPU_PROFILING | CPU_TIME_SOURCE);
   redefineCallbackAfterStatusChange(env);
@@ -189,12 +191,20 @@ const JNINativeMethod CORE_NATIVES[] = {
 const JNINativeMethod CALLBACK_NATIVES[] = {
     nativeRow("kjpMethodEntry0", "(SS)V", Java_com_kestrix_runtime_Callback_kjpMethodEntry0),
     nativeRow("kjpMethodExit0", "(SS)V", Java_com_kestrix_runtime_Callback_kjpMethodExit0),
+    nativeRow("kjpCallLogEvent0", "(II)V", Java_com_kestrix_runtime_Callback_kjpCallLogEvent0),
 };
 
 // The mark that asks for a wall-time correction goes with the ThreadInfo, and writeTables
 // corrects only live threads and the folded ones, so a thread that ends after a wall-timed
 // call is corrected now or its callers stay below it.
-void threadEnded(ThreadInfo* info) { WallTimeCorrector::correctThread(info); }
+void threadEnded(ThreadInfo* info) {
+  // The thread's last traced calls are still in its log.
+  void* env = nullptr;
+  if (info->myCallLog != nullptr && ourVM->GetEnv(&env, JNI_VERSION_1_6) == JNI_OK) {
+    CallLogs::release(static_cast<JNIEnv*>(env), info);
+  }
+  WallTimeCorrector::correctThread(info);
+}
 
 // A wall-timed method can leave its CPU-timed callers smaller than itself; the callers are
 // raised before anyone reads the times.

@@ -4,6 +4,7 @@
 #include <jni.h>
 #include <jvmti.h>
 
+#include "agent/JVMTI_Agent.h"
 #include "agent/KMap.h"
 #include "agent/KVector.h"
 #include "db/DB.h"
@@ -59,6 +60,13 @@ class KFrameStorage {
   jint fillFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count, bool skipNative,
                           KVector<bool>* filteredCalls);
 
+  // The frame of a stack (top first) in the traced tree: the stack as the tracing probes see
+  // calls, frames without probes skipped and filtered runs collapsed. What a sample of a traced
+  // thread is charged to. Caller holds ourLock.
+  jint fillTracedFrameFromStack(JNIEnv* env, const jvmtiFrameInfo* frames, jint count) {
+    return fillFrameFromStack(env, frames, count, !canInstrumentNativeMethods(), &myScratchFilteredCalls);
+  }
+
   // The same for a stack captured by GetAllStackTraces, keeping every frame. With 'locals',
   // the named local variables of each method are stored under its handle.
   jint fillCurrentFrameJVMTIFromStackInfo(JNIEnv* env, const jvmtiStackInfo& stackInfo,
@@ -68,6 +76,9 @@ class KFrameStorage {
   jint ourStartupAllocationsFrame;
 
  private:
+  // The bits that fillTracedFrameFromStack's walks need and nobody reads.
+  KVector<bool> myScratchFilteredCalls{64};
+
   bool myLastWalkWasWhole;
 
   static FrameRecord* record(jint frame) { return ourDB->myFrameTable->getRecord(frame, true); }

@@ -16,6 +16,7 @@ KMap<IntTriple, jint> ourMethodsByName(1000);
 namespace {
 
 const char* const CALLBACK_CLASS_NAME = "com.kestrix.runtime.Callback";
+const char* const CALL_LOG_CLASS_NAME = "com.kestrix.runtime.CallLog";
 
 }  // namespace
 
@@ -38,7 +39,7 @@ jint KMethod::getByName(const char* methodName, const char* methodSignature, con
   Filter::applyFilters(record);
   // The agent's own probes and the wrappers it puts around natives are plumbing: a trace must
   // show the wrapped method, never the wrapper.
-  if (strcmp(className, CALLBACK_CLASS_NAME) == 0 ||
+  if (strcmp(className, CALLBACK_CLASS_NAME) == 0 || strcmp(className, CALL_LOG_CLASS_NAME) == 0 ||
       strncmp(methodName, ourNativeMethodPrefix, strlen(ourNativeMethodPrefix)) == 0) {
     record->myFlags |= MF_HIDDEN;
   }

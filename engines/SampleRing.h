@@ -21,8 +21,6 @@ struct SampleEntryOf {
   // What the walk returned: the frames written, top first, or a code of 0 and below when it
   // found none.
   jint myFrameCount;
-  // While tracing, the call-tree frame the thread's probes were in; -1 otherwise.
-  jint myTracedFrame;
   AsyncFrame myFrames[MaxFrames];
 };
 
@@ -61,7 +59,6 @@ class SampleRingOf {
     Entry* entry = &myEntries[head % Capacity];
     entry->myCPUTimeNs = ns + myCarriedNs.exchange(0, std::memory_order_relaxed);
     entry->myFrameCount = 0;
-    entry->myTracedFrame = -1;
     return entry;
   }
 

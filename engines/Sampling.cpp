@@ -105,9 +105,11 @@ void samplingPass(JNIEnv* env, jlong wall) {
     if (info == nullptr) {
       continue;
     }
+    // A traced thread is charged where its stack is, not where its probes got to: they may log
+    // calls that the agent reads later.
     jint frame = (ourStatus & CPU_COUNTS_BIT) == 0
                      ? ourFrameStorage.fillCurrentFrameJVMTIFromStackInfo(env, stacks[i], nullptr)
-                     : info->myCurrentFrameIndex;
+                     : ourFrameStorage.fillTracedFrameFromStack(env, stacks[i].frame_buffer, stacks[i].frame_count);
     frame = skipHiddenFrames(frame);
     if (frame == 0 || frame == -1) {
       continue;

@@ -97,6 +97,15 @@ class alignas(64) ThreadInfo {
   KVector<jlong> myEntryTimesNs;
   // The callees of the calls the thread traced so far.
   CalleeCache myCallees;
+  // The thread's call log (a global reference to its int array), where its probes write the
+  // traced calls that the agent has not yet seen; null for a thread whose probes call the
+  // natives. Read back, and the read position moved, only under ourLock (CallLogs).
+  jintArray myCallLog = nullptr;
+  // Its place in the log table; -1 without one, -2 when another thread held it.
+  jint myCallLogSlot = -1;
+  jint myCallLogRead = 0;
+  // What the log's "see the next probe natively" word holds, as this side last wrote it.
+  bool myCallLogNeedsNative = false;
 
   // OS thread id; 0 for the pseudo-threads.
   jlong myThreadID;

@@ -7,6 +7,7 @@
 #include "agent/KAssert.h"
 #include "agent/KLock.h"
 #include "db/DB.h"
+#include "engines/CallLogs.h"
 #include "engines/KFrameStorage.h"
 #include "engines/ThreadInfo.h"
 #include "engines/TracingGate.h"
@@ -169,6 +170,33 @@ inline TracedCall* currentTracedCall(ThreadInfo* info) {
 //   negative, and the row never shrinks between two captures.
 namespace {
 
+// The entry of a call whose callee the thread knows, for whoever may change the thread's state
+// (inside a gate section or under ourLock); false when the callee isn't known.
+inline bool recordKnownCallee(ThreadInfo* info, jint methodIndex) {
+  jint parent = info->myCurrentFrameIndex;
+  KVector<TracedCall>& calls = info->myTracedCalls;
+  // A frame that moved past the traced calls (a rebuild, a drop) is sorted out by the locked path.
+  if (parent == -1 || (!calls.isEmpty() && calls.last().myFrame != parent)) {
+    return false;
+  }
+  const CalleeCache::Entry* callee = info->myCallees.find(parent, methodIndex);
+  if (callee == nullptr) {
+    return false;
+  }
+  bool isWallTime = (callee->myFlags & MF_WALL_TIME) != 0;
+  info->myFilteredCallsStack.push((callee->myFlags & MF_FILTERED) != 0);
+  TracedCall call = {callee->myFrame, parent, methodIndex, isWallTime, callee->myRecord};
+  calls.push(call);
+  info->myCurrentFrameIndex = callee->myFrame;
+  callee->myRecord->count++;
+  callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
+  if (tracingReadsThreadClock()) {
+    // The clock last, so that the call's time holds as little of the probe as it can.
+    info->myEntryTimesNs.push(probeClock(isWallTime));
+  }
+  return true;
+}
+
 // Records an entry whose callee the thread knows, without ourLock; false when the other paths
 // must handle it. The callee cache holds only calls that were not collapsed, and whether a call
 // collapses depends on its method and its caller's alone: a known callee needs neither the
@@ -178,39 +206,17 @@ inline bool enterKnownCallee(ThreadInfo* info, jint methodIndex) {
   if (!isRecordingTracedCalls() || !TracingGate::enter(info)) {
     return false;
   }
-  jint parent = info->myCurrentFrameIndex;
-  KVector<TracedCall>& calls = info->myTracedCalls;
-  const CalleeCache::Entry* callee = nullptr;
-  // A frame that moved past the traced calls (a rebuild, a drop) is sorted out by the locked path.
-  if (parent != -1 && (calls.isEmpty() || calls.last().myFrame == parent)) {
-    callee = info->myCallees.find(parent, methodIndex);
-  }
-  if (callee != nullptr) {
-    bool isWallTime = (callee->myFlags & MF_WALL_TIME) != 0;
-    info->myFilteredCallsStack.push((callee->myFlags & MF_FILTERED) != 0);
-    TracedCall call = {callee->myFrame, parent, methodIndex, isWallTime, callee->myRecord};
-    calls.push(call);
-    info->myCurrentFrameIndex = callee->myFrame;
-    callee->myRecord->count++;
-    callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
-    if (tracingReadsThreadClock()) {
-      // The clock last, so that the call's time holds as little of the probe as it can.
-      info->myEntryTimesNs.push(probeClock(isWallTime));
-    }
-  }
+  bool known = recordKnownCallee(info, methodIndex);
   TracingGate::leave(info);
-  return callee != nullptr;
+  return known;
 }
 
-// The part of an entry that takes ourLock, kept out of line so that the other paths pay for none
-// of its registers and stack.
-__attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint methodIndex, jint flags) {
+// An entry that the callee cache didn't know, recorded under ourLock. Without 'env' a thread
+// whose stack is not known can't rebuild it, and the entry is dropped.
+void enterLocked(JNIEnv* env, ThreadInfo* info, jint methodIndex, jint flags, jlong entryTime) {
   KVector<bool>& filteredCalls = info->myFilteredCallsStack;
   bool isWallTime = (flags & MF_WALL_TIME) != 0;
-  jlong entryTime = probeClock(isWallTime);
-
-  LockHolder holder(&ourLock, "Tracing(120)");
-  if ((ourStatus & CPU_COUNTS_BIT) == 0 || !isMethodTracingActive()) {
+  if (env == nullptr && info->myCurrentFrameIndex == -1) {
     return;
   }
   bool timing = isTiming();
@@ -258,22 +264,79 @@ __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint m
   record->myModificationStamp = ourDB->myModificationStamp;
 }
 
-}  // namespace
+// The part of an entry that takes ourLock, kept out of line so that the other paths pay for none
+// of its registers and stack.
+__attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint methodIndex, jint flags) {
+  jlong entryTime = probeClock((flags & MF_WALL_TIME) != 0);
 
-void methodEntry(JNIEnv* env, jint methodIndex) {
-  ThreadInfo* info = getCurrentThreadInfo();
-  if (info == nullptr || info->myIsAgentThread || enterKnownCallee(info, methodIndex)) {
+  LockHolder holder(&ourLock, "Tracing(120)");
+  if ((ourStatus & CPU_COUNTS_BIT) == 0 || !isMethodTracingActive()) {
     return;
   }
-  jint flags = methodFlagsUnlocked(methodIndex);
+  enterLocked(env, info, methodIndex, flags, entryTime);
+}
+
+}  // namespace
+
+namespace {
+
+// Pushes the filtered bit of a call the callee cache didn't know; true when the call collapses
+// into its filtered caller and records nothing more.
+inline bool collapsesIntoCaller(ThreadInfo* info, jint flags) {
   bool filtered = (flags & MF_FILTERED) != 0;
   KVector<bool>& filteredCalls = info->myFilteredCallsStack;
   bool skip = filtered && !filteredCalls.isEmpty() && filteredCalls.last();
   filteredCalls.push(filtered);
-  if (skip) {
+  return skip;
+}
+
+// Pops the filtered bit of an ending call; true when the call was collapsed into its filtered
+// caller, or when no call is open at all, and records nothing more.
+inline bool endsCollapsedCall(ThreadInfo* info) {
+  KVector<bool>& filteredCalls = info->myFilteredCallsStack;
+  if (filteredCalls.isEmpty()) {
+    return true;
+  }
+  bool popped = filteredCalls.pop();
+  return popped && !filteredCalls.isEmpty() && filteredCalls.last();
+}
+
+void methodEntryOf(JNIEnv* env, ThreadInfo* info, jint methodIndex) {
+  if (enterKnownCallee(info, methodIndex)) {
+    return;
+  }
+  jint flags = methodFlagsUnlocked(methodIndex);
+  if (collapsesIntoCaller(info, flags)) {
     return;  // inside a collapsed library call: no lock, no clock
   }
   tracedEntry(env, info, methodIndex, flags);
+}
+
+}  // namespace
+
+void methodEntry(JNIEnv* env, jint methodIndex) {
+  ThreadInfo* info = getCurrentThreadInfo();
+  if (info == nullptr || info->myIsAgentThread) {
+    return;
+  }
+  if (info->myCallLog == nullptr) {
+    methodEntryOf(env, info, methodIndex);
+    return;
+  }
+  // The logged calls happened first; the state this call leaves goes back to the log.
+  CallLogs::catchUp(env, info);
+  methodEntryOf(env, info, methodIndex);
+  CallLogs::publish(env, info);
+}
+
+void replayEntry(ThreadInfo* info, jint methodIndex) {
+  if (info->myCurrentFrameIndex == -1 || recordKnownCallee(info, methodIndex)) {
+    return;
+  }
+  jint flags = methodFlags(methodIndex);
+  if (!collapsesIntoCaller(info, flags)) {
+    enterLocked(nullptr, info, methodIndex, flags, 0);
+  }
 }
 
 namespace {
@@ -290,37 +353,39 @@ inline void chargeCall(ThreadInfo* info, CPUProfilingRecord* record, bool isWall
   }
 }
 
+// The exit of the call the thread's traced calls say it is in, for whoever may change the
+// thread's state; false when they say otherwise.
+inline bool closeKnownCall(ThreadInfo* info, jint methodIndex) {
+  bool timing = tracingReadsThreadClock();
+  TracedCall* call = currentTracedCall(info);
+  if (call == nullptr || call->myMethodIndex != methodIndex || call->myRecord == nullptr ||
+      (timing && info->myEntryTimesNs.isEmpty())) {
+    return false;
+  }
+  jlong now = probeClock(call->myIsWallTime);
+  info->myCurrentFrameIndex = call->myParentFrame;
+  if (timing) {
+    chargeCall(info, call->myRecord, call->myIsWallTime, now);
+  }
+  info->myTracedCalls.pop();
+  return true;
+}
+
 // Records the exit of a call whose entry was recorded, without ourLock; false when the locked
 // path must record it instead. The open call tells the clock, so the method flags aren't read.
 inline bool exitTracedCall(ThreadInfo* info, jint methodIndex) {
   if (!isRecordingTracedCalls() || !TracingGate::enter(info)) {
     return false;
   }
-  bool timing = tracingReadsThreadClock();
-  TracedCall* call = currentTracedCall(info);
-  bool done = call != nullptr && call->myMethodIndex == methodIndex && call->myRecord != nullptr &&
-              (!timing || !info->myEntryTimesNs.isEmpty());
-  if (done) {
-    jlong now = probeClock(call->myIsWallTime);
-    info->myCurrentFrameIndex = call->myParentFrame;
-    if (timing) {
-      chargeCall(info, call->myRecord, call->myIsWallTime, now);
-    }
-    info->myTracedCalls.pop();
-  }
+  bool done = closeKnownCall(info, methodIndex);
   TracingGate::leave(info);
   return done;
 }
 
-// The part of an exit that takes ourLock; out of line like tracedEntry.
-__attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
-  // The clock of this method as its flags say now; the flags of an open call can't change, since
-  // filters are reloaded only while CPU profiling is off and stopping drops every shadow stack.
-  bool isWallTime = (methodFlagsUnlocked(methodIndex) & MF_WALL_TIME) != 0;
-  jlong now = probeClock(isWallTime);
-
-  LockHolder holder(&ourLock, "Tracing(160)");
-  if ((ourStatus & CPU_COUNTS_BIT) == 0 || !isMethodTracingActive() || info->myCurrentFrameIndex == -1) {
+// An exit that the traced calls didn't describe, recorded under ourLock. 'isWallTime' and 'now'
+// are the method's clock as its flags say and its reading, if any.
+void exitLocked(ThreadInfo* info, jint methodIndex, bool isWallTime, jlong now, bool isCurrentThread) {
+  if (info->myCurrentFrameIndex == -1) {
     return;
   }
   jint frame = info->myCurrentFrameIndex;
@@ -332,7 +397,7 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
   if (call != nullptr) {
     if (methodIndex != call->myMethodIndex) {
       // Some call ended without its exit probe; nothing on the shadow stack can be trusted.
-      dropShadowStack(info, true);
+      dropShadowStack(info, isCurrentThread);
       return;
     }
     parent = call->myParentFrame;
@@ -343,7 +408,7 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
     // No traced call of ours describes the frame: the tree does.
     calls.clear();
     if (methodIndex != ourFrameStorage.getMethodIndex(frame)) {
-      dropShadowStack(info, true);
+      dropShadowStack(info, isCurrentThread);
       return;
     }
     parent = ourFrameStorage.getParent(frame);
@@ -362,22 +427,44 @@ __attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
   }
 }
 
+// The part of an exit that takes ourLock; out of line like tracedEntry.
+__attribute__((noinline)) void tracedExit(ThreadInfo* info, jint methodIndex) {
+  // The clock of this method as its flags say now; the flags of an open call can't change, since
+  // filters are reloaded only while CPU profiling is off and stopping drops every shadow stack.
+  bool isWallTime = (methodFlagsUnlocked(methodIndex) & MF_WALL_TIME) != 0;
+  jlong now = probeClock(isWallTime);
+
+  LockHolder holder(&ourLock, "Tracing(160)");
+  if ((ourStatus & CPU_COUNTS_BIT) == 0 || !isMethodTracingActive()) {
+    return;
+  }
+  exitLocked(info, methodIndex, isWallTime, now, true);
+}
+
 }  // namespace
 
 void methodExit(JNIEnv* env, jint methodIndex) {
-  (void)env;
   ThreadInfo* info = getCurrentThreadInfo();
-  if (info == nullptr || info->myIsAgentThread || info->myFilteredCallsStack.isEmpty()) {
+  if (info == nullptr || info->myIsAgentThread) {
     return;
   }
-  KVector<bool>& filteredCalls = info->myFilteredCallsStack;
-  bool popped = filteredCalls.pop();
-  if (popped && !filteredCalls.isEmpty() && filteredCalls.last()) {
-    return;  // the exit of a call that the entry collapsed into its filtered caller
+  if (info->myCallLog != nullptr) {
+    CallLogs::catchUp(env, info);
   }
-  if (!exitTracedCall(info, methodIndex)) {
+  // An ending call that the entry collapsed into its filtered caller records nothing.
+  if (!endsCollapsedCall(info) && !exitTracedCall(info, methodIndex)) {
     tracedExit(info, methodIndex);
   }
+  if (info->myCallLog != nullptr) {
+    CallLogs::publish(env, info);
+  }
+}
+
+void replayExit(ThreadInfo* info, jint methodIndex) {
+  if (info->myCurrentFrameIndex == -1 || endsCollapsedCall(info) || closeKnownCall(info, methodIndex)) {
+    return;
+  }
+  exitLocked(info, methodIndex, (methodFlags(methodIndex) & MF_WALL_TIME) != 0, 0, false);
 }
 
 extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodEntry0(JNIEnv* env, jclass, jshort low,
@@ -390,13 +477,20 @@ extern "C" JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodExi
   methodExit(env, methodIndexFromHalves(low, high));
 }
 
-void JNICALL exception(jvmtiEnv*, JNIEnv*, jthread, jmethodID, jlocation, jobject, jmethodID, jlocation) {
+void JNICALL exception(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocation, jobject, jmethodID, jlocation) {
   LockHolder holder(&ourLock, "Tracing(200)");
   ThreadInfo* info = getThreadInfoJVMTI(nullptr);
   if (info == nullptr) {
     return;
   }
   if ((ourStatus & CPU_COUNTS_BIT) != 0) {
+    // The calls logged before the throw still ended normally.
+    if (info->myCallLog != nullptr) {
+      CallLogs::catchUp(env, info);
+    }
     dropShadowStack(info, true);
+    if (info->myCallLog != nullptr) {
+      CallLogs::publish(env, info);
+    }
   }
 }

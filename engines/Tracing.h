@@ -21,6 +21,12 @@ inline jint methodIndexFromHalves(jshort low, jshort high) {
 void methodEntry(JNIEnv* env, jint methodIndex);
 void methodExit(JNIEnv* env, jint methodIndex);
 
+// An entry or exit read back from a thread's call log: what the natives do, except that a
+// thread whose stack is not known skips it, since the stack it had then is gone. Caller holds
+// ourLock and is the thread itself or has the gate closed.
+void replayEntry(ThreadInfo* info, jint methodIndex);
+void replayExit(ThreadInfo* info, jint methodIndex);
+
 extern "C" {
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodEntry0(JNIEnv* env, jclass, jshort low, jshort high);
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodExit0(JNIEnv* env, jclass, jshort low, jshort high);

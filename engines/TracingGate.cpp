@@ -7,6 +7,7 @@
 
 #include "agent/JVMTI_Agent.h"
 #include "agent/KAssert.h"
+#include "engines/CallLogs.h"
 
 // Closed until init() finds membarrier.
 std::atomic<bool> TracingGate::ourClosed(true);
@@ -45,20 +46,28 @@ void TracingGate::init() {
 }
 
 TracingGate::Closure::Closure(bool close) : myClosing(close) {
-  if (!myClosing || !ourUsable || ourClosureDepth++ > 0) {
+  if (!myClosing || ourClosureDepth++ > 0) {
     return;
   }
-  ourClosed.store(true, std::memory_order_relaxed);
-  // Registered in init(), so this cannot fail for lack of registration; the system call is also
-  // a full barrier on this thread.
-  long result = membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
-  KASSERT_TEXT(result == 0, "membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0");
-  forEachLiveThread([&](ThreadInfo* info) { waitUntilOutside(info); });
+  if (ourUsable) {
+    ourClosed.store(true, std::memory_order_relaxed);
+    // Registered in init(), so this cannot fail for lack of registration; the system call is also
+    // a full barrier on this thread.
+    long result = membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
+    KASSERT_TEXT(result == 0, "membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) == 0");
+    forEachLiveThread([&](ThreadInfo* info) { waitUntilOutside(info); });
+  }
+  // Calls still in the threads' logs are calls made: whoever closes sees them.
+  CallLogs::catchUpAll();
 }
 
 TracingGate::Closure::~Closure() {
-  if (!myClosing || !ourUsable || --ourClosureDepth > 0) {
+  if (!myClosing || --ourClosureDepth > 0) {
     return;
   }
-  ourClosed.store(false, std::memory_order_release);
+  // The closer may have dropped stacks that only the natives can rebuild.
+  CallLogs::publishAll();
+  if (ourUsable) {
+    ourClosed.store(false, std::memory_order_release);
+  }
 }

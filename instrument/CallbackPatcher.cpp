@@ -12,12 +12,14 @@
 #include "classfile/ClassRewriter.h"
 #include "classfile/CodeAttribute.h"
 #include "classfile/MethodInfo.h"
+#include "engines/CallLogs.h"
 #include "instrument/ClassLoadHook.h"
 #include "instrument/InstrumentationRules.h"
 
 namespace {
 
 const char* const CALLBACK_CLASS_NAME = "com/kestrix/runtime/Callback";
+const char* const CALL_LOG_CLASS_NAME = "com/kestrix/runtime/CallLog";
 const int PUBLIC_STATIC = 9;
 const unsigned char OP_INVOKESTATIC = 0xB8;
 const unsigned char OP_IRETURN = 0xAC;
@@ -132,6 +134,16 @@ void enableInvocationCounting(ClassFile& classFile, void*) {
   setForwardingBody(exit, 0x1A, exitNative, OP_RETURN);
 }
 
+// The same probes forwarding to the call log, which records a call without leaving Java.
+void enableLoggedInvocationCounting(ClassFile& classFile, void*) {
+  KString logClass(CALL_LOG_CLASS_NAME);
+  KString descriptor("(SS)V");
+  CodeAttribute* entry = existingProbeMethodCode(classFile, "kjpMethodEntry", "(SS)V", "kjpMethodEntry(SS) not found");
+  setForwardingBody(entry, 0x1A, classFile.findOrCreateMethodRef(logClass, KString("entry"), descriptor), OP_RETURN);
+  CodeAttribute* exit = existingProbeMethodCode(classFile, "kjpMethodExit", "(SS)V", "kjpMethodExit() not found");
+  setForwardingBody(exit, 0x1A, classFile.findOrCreateMethodRef(logClass, KString("exit"), descriptor), OP_RETURN);
+}
+
 void enableAllocations(ClassFile& classFile, void*) {
   CodeAttribute* init = existingProbeMethodCode(classFile, "kjpInit", "(Ljava/lang/Object;I)I",
                                                 "kjpInit(Ljava/lang/Object;I) not found");
@@ -182,6 +194,12 @@ bool patchCallbackToEnableInvocationCounting(KVector<unsigned char>& input, KVec
   return ClassRewriter::rewrite(CALLBACK_CLASS_NAME, input, output, enableInvocationCounting, nullptr);
 }
 
+bool patchCallbackToEnableLoggedInvocationCounting(KVector<unsigned char>& input, KVector<unsigned char>& output) {
+  KASSERT(input.size() > 0);
+  KASSERT(output.size() == 0);
+  return ClassRewriter::rewrite(CALLBACK_CLASS_NAME, input, output, enableLoggedInvocationCounting, nullptr);
+}
+
 bool patchCallbackToEnableAllocations(KVector<unsigned char>& input, KVector<unsigned char>& output) {
   KASSERT(input.size() > 0);
   KASSERT(output.size() == 0);
@@ -193,6 +211,7 @@ bool patchCallbackToEnableParkProbes(KVector<unsigned char>& input, KVector<unsi
   KASSERT(output.size() == 0);
   return ClassRewriter::rewrite(CALLBACK_CLASS_NAME, input, output, enableParkProbes, nullptr);
 }
+
 
 void redefineCallback(JNIEnv* env) {
   LockHolder holder(&ourLock, "Instrumentation(368)");
@@ -217,7 +236,9 @@ void redefineCallback(JNIEnv* env) {
   copyBytes(ourCallbackBytes, bytes);
   if ((status & CPU_COUNTS_BIT) != 0) {
     KVector<unsigned char> patched(bytes.size() + 64);
-    if (patchCallbackToEnableInvocationCounting(bytes, patched)) {
+    bool logged = (status & CPU_SAMPLED_TIMES_BIT) != 0 && CallLogs::prepare(env);
+    if (logged ? patchCallbackToEnableLoggedInvocationCounting(bytes, patched)
+               : patchCallbackToEnableInvocationCounting(bytes, patched)) {
       copyBytes(patched, bytes);
     }
   }

@@ -21,6 +21,9 @@ bool patchCallback(KVector<unsigned char>& input, KVector<unsigned char>& output
 // kjpMethodEntry and kjpMethodExit call their natives.
 bool patchCallbackToEnableInvocationCounting(KVector<unsigned char>& input, KVector<unsigned char>& output);
 
+// kjpMethodEntry and kjpMethodExit write to the thread's call log, for counts without times.
+bool patchCallbackToEnableLoggedInvocationCounting(KVector<unsigned char>& input, KVector<unsigned char>& output);
+
 // kjpInit calls its native.
 bool patchCallbackToEnableAllocations(KVector<unsigned char>& input, KVector<unsigned char>& output);
 

@@ -32,7 +32,27 @@ const Exclusion EXCLUSIONS[] = {
     {"java/lang/StrictMath", false, "math intrinsics are bound by name"},
 };
 
+// What a probe runs besides the JVM's intrinsics (Thread.currentThread, System.identityHashCode).
+const char* const PROBE_PLUMBING[] = {"com/kestrix/runtime/Callback", "com/kestrix/runtime/CallLog"};
+
+bool matchesExactlyOrNested(const char* className, const char* name) {
+  size_t length = strlen(name);
+  return strncmp(className, name, length) == 0 && (className[length] == '\0' || className[length] == '$');
+}
+
 }  // namespace
+
+bool isProbePlumbing(const char* className) {
+  if (className == nullptr) {
+    return false;
+  }
+  for (const char* name : PROBE_PLUMBING) {
+    if (matchesExactlyOrNested(className, name)) {
+      return true;
+    }
+  }
+  return false;
+}
 
 bool canWrapNativesOfClass(const char* className) {
   if (className == nullptr) {

@@ -15,4 +15,8 @@ bool isFlagUsed();
 // left alone because the JVM treats their natives specially.
 bool canWrapNativesOfClass(const char* className);
 
+// Whether 'className' (internal form) is code that the probes themselves run: the callback
+// class and the call log. A probe there would call itself.
+bool isProbePlumbing(const char* className);
+
 #endif

@@ -346,6 +346,7 @@ void instrumentClass(ClassFile& classFile, void* context) {
 
   KString className(classFile.getSignature());
   bool isCallback = className == CALLBACK_CLASS;
+  bool isPlumbing = isProbePlumbing(className.get());
   bool isObject = className == "java/lang/Object";
 
   if (c->myTracing && canInstrumentNativeMethods() && canWrapNativesOfClass(className.get())) {
@@ -372,6 +373,13 @@ void instrumentClass(ClassFile& classFile, void* context) {
       continue;
     }
     if (isCallback) {
+      continue;
+    }
+    if (isPlumbing) {
+      // Named as not instrumented, so that a walk of the real stack steps over it as the
+      // probes do.
+      jint plumbing = c->myProvider->getMethodID(className.get(), name.get(), method->getDescriptor().get());
+      c->myProvider->addMethodFlags(plumbing, MF_NOT_INSTRUMENTED);
       continue;
     }
     bool allocations = c->myAllocations && !name.startsWith("template$dot$");

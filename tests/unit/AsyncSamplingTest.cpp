@@ -46,7 +46,7 @@ TEST(SampleRing, AFullRingCarriesTheTimeOfRefusedSamplesIntoTheNextOne) {
   SmallRing::Entry* next = ring.beginWrite(10);
   ASSERT_NE(nullptr, next);
   EXPECT_EQ(22, next->myCPUTimeNs);
-  EXPECT_EQ(-1, next->myTracedFrame);
+  EXPECT_EQ(0, next->myFrameCount);
   ring.commit();
   EXPECT_EQ(0, ring.carriedNs());
 

@@ -94,6 +94,7 @@ TEST(EngineTableTest, EveryNativeOfCoreAndCallbackIsRegisteredOnceWithItsSignatu
       {"kjpInit0", "(Ljava/lang/Object;I)I"},
       {"kjpMethodEntry0", "(SS)V"},
       {"kjpMethodExit0", "(SS)V"},
+      {"kjpCallLogEvent0", "(II)V"},
       {"kjpParkEntry0", "(Ljava/lang/Object;)V"},
       {"kjpParkExit0", "(Ljava/lang/Object;)V"},
       {"kjpIsJ2EEClass", "(Ljava/lang/Object;)Z"},

@@ -3,6 +3,7 @@
 
 #include "CPUTestSupport.h"
 #include "agent/CPUTime.h"
+#include "agent/KLock.h"
 #include "engines/CPUProfiling.h"
 #include "engines/Tracing.h"
 
@@ -120,6 +121,49 @@ TEST_F(TracingTest, ExceptionsAndDeathDropTheShadowStackAndNoFastClockLeavesTime
   CPUProfilingRecord* row = cpuRow(myThread, pathFrame({fresh}));
   EXPECT_EQ(1, row->count);
   EXPECT_EQ(0, row->time);
+}
+
+TEST_F(TracingTest, CallsReadBackFromALogCountAsTheNativesCountThemUntilTheStackIsLost) {
+  ourTracingTimesSampled = true;  // logs serve only tracing with sampled times
+  Filter::reloadFilters(KString("lib.*"), KString(""));
+  jint app = indexOf(myFake.method("Lapp/A;", "a"));
+  jint lib = indexOf(myFake.method("Llib/B;", "b"));
+  jint libInner = indexOf(myFake.method("Llib/C;", "c"));
+  jint back = indexOf(myFake.method("Lapp/D;", "d"));
+  // Each call of 'app' makes a library call that calls back twice, once from a nested library
+  // call, which folds into the outer one.
+  std::vector<jint> events;
+  for (int i = 0; i < 3; i++) {
+    events.insert(events.end(), {app, lib, back, ~back, libInner, back, ~back, ~libInner, ~lib, ~app});
+  }
+  auto counts = [&]() {
+    return std::vector<jlong>{countOn({app}), countOn({app, lib}), countOn({app, lib, back})};
+  };
+  for (jint event : events) {
+    event >= 0 ? methodEntry(&myEnv, event) : methodExit(&myEnv, ~event);
+  }
+  EXPECT_EQ((std::vector<jlong>{3, 3, 6}), counts());
+  {
+    LockHolder holder(&ourLock, "test");
+    for (jint event : events) {
+      event >= 0 ? replayEntry(myThread, event) : replayExit(myThread, ~event);
+    }
+  }
+  EXPECT_EQ((std::vector<jlong>{6, 6, 12}), counts()) << "read back, the calls land where the natives put them";
+  EXPECT_EQ(0, myThread->myCurrentFrameIndex);
+  EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
+  EXPECT_EQ(0, myThread->myTracedCalls.size());
+
+  LockHolder holder(&ourLock, "test");
+  replayEntry(myThread, app);
+  replayExit(myThread, back);
+  EXPECT_EQ(-1, myThread->myCurrentFrameIndex) << "an exit of a call never entered loses the stack";
+  replayEntry(myThread, app);
+  replayExit(myThread, app);
+  EXPECT_EQ(7, countOn({app})) << "without the stack a logged call can't be placed, and counts nothing";
+  EXPECT_EQ(-1, myThread->myCurrentFrameIndex);
+  EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
+  ourTracingTimesSampled = false;
 }
 
 TEST_F(TracingTest, WallTimeMethodsAreTimedByTheWallClockAndMarkTheThread) {

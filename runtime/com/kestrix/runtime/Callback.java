@@ -45,6 +45,12 @@ public final class Callback {
 
     private static native void kjpMethodExit0(short low, short high);
 
+    /**
+     * A call that the call log could not take (full, the agent asked to see it, or the thread
+     * has no log yet, in its place 'slot' of the log table): recorded natively.
+     */
+    static native void kjpCallLogEvent0(int slot, int event);
+
     public static native void kjpSQLEntry1(Object statement, short methodIndex);
 
     public static native void kjpSQLEntry2(Object statement, short methodIndex);

@@ -27,7 +27,8 @@ import java.util.concurrent.locks.LockSupport;
  * Object.wait, LockSupport.park and ServerSocket.accept for MS ms, each inside a method named
  * waitingRoom...(); thread "blocked" waits as long for a monitor inside wallBlocked() and prints
  * "blocked wall ns N", the wall time of that call.</li>
- * <li>count:N: thread "counter" runs countLoop(), which calls tick() exactly N times.</li>
+ * <li>count:N: thread "counter" runs countLoop(), which calls tick() exactly N times, and then
+ * parks until the JVM ends.</li>
  * <li>library:N: thread "library" calls, N times, appWork(), which enters the library
  * (LibA.outer, LibA.inner, LibB.deep) that calls back into callback(); then sorts a list through
  * Collections.sort with a comparator of this program.</li>
@@ -214,10 +215,19 @@ public class CpuScenarios {
         }
     }
 
+    /** The counter stays alive until the JVM ends: its calls must be in the exit snapshot too. */
     static void count(final int times) throws InterruptedException {
-        Thread counter = new Thread(() -> countLoop(times), "counter");
+        final java.util.concurrent.CountDownLatch counted = new java.util.concurrent.CountDownLatch(1);
+        Thread counter = new Thread(() -> {
+            countLoop(times);
+            counted.countDown();
+            while (true) {
+                java.util.concurrent.locks.LockSupport.park();
+            }
+        }, "counter");
+        counter.setDaemon(true);
         counter.start();
-        counter.join();
+        counted.await();
     }
 
     /** Called back from the library. */
