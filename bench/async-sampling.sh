@@ -1,12 +1,13 @@
 #!/bin/bash
 # What the two CPU samplers make of shares known in advance, and what they cost.
-# bench/java/com/kestrix/bench/KnownShares.java runs four variants (a counted loop without
-# calls, a loop of tiny calls kept out of line, CRC32 and square roots, System.arraycopy), each
-# in a thread of its own that alternates the variant's method with a reference loop and times
-# both with its own thread CPU clock. This script runs it without the agent and under each
-# configuration below, alternating, RUNS times, and prints for every configuration and variant
-# the median share of the variant's method in its thread (total time) against the truth, in
-# percentage points, and the median work-phase process CPU time against the runs without agent.
+# tests/java/programs/com/kestrix/programs/KnownShares.java, which the sampler tests run too, runs
+# four variants (a counted loop without calls, a loop of tiny calls kept out of line, CRC32 and
+# square roots, System.arraycopy), each in a thread of its own that alternates the variant's
+# method with a reference loop and times both with its own thread CPU clock. This script runs it
+# without the agent and under each configuration below, alternating, RUNS times, and prints for
+# every configuration and variant the median share of the variant's method in its thread (total
+# time) against the truth, in percentage points, and the median work-phase process CPU time
+# against the runs without agent.
 #
 # usage: bench/async-sampling.sh [RUNS (3)] [MS of CPU per variant (3000)]
 # environment: KJP_AGENT (default build/lib/libkjpagent.so), KJP_TOOLS_JAR (default
@@ -26,10 +27,10 @@ millis=${2:-3000}
 
 work=$(mktemp -d /tmp/kjp-async-sampling.XXXXXX)
 trap 'rm -rf "$work"' EXIT
-"$java_home/bin/javac" --release 11 -d "$work/classes" "$root/bench/java/com/kestrix/bench/KnownShares.java"
+"$java_home/bin/javac" --release 11 -d "$work/classes" "$root/tests/java/programs/com/kestrix/programs/KnownShares.java"
 
 # tiny() must stay a call for the "calls" variant to mean anything.
-jvm_options=(-XX:CompileCommand=quiet "-XX:CompileCommand=dontinline,com/kestrix/bench/KnownShares.tiny")
+jvm_options=(-XX:CompileCommand=quiet "-XX:CompileCommand=dontinline,com/kestrix/programs/KnownShares.tiny")
 
 # One run; "none" runs without the agent. Appends "work_cpu_ms" to $work/<tag>.cpu and, with
 # the agent, "variant truth_percent measured_percent" lines to $work/<tag>.shares.
@@ -42,7 +43,7 @@ run_once() {
         agent_args=("-agentpath:$agent=$options,quiet,dir=$dir")
     fi
     "$java_home/bin/java" "${jvm_options[@]}" "${agent_args[@]}" -cp "$work/classes" \
-        com.kestrix.bench.KnownShares "$millis" > "$work/stdout" 2> "$work/stderr" || {
+        com.kestrix.programs.KnownShares "$millis" > "$work/stdout" 2> "$work/stderr" || {
         cat "$work/stdout" "$work/stderr" >&2
         exit 1
     }
