@@ -55,14 +55,7 @@ final class CpuProfile {
     private CpuProfile(Path file, Jvm.Result run, Snapshot snapshot) {
         this.file = file;
         this.run = run;
-        Map<Integer, String> threadBySlot = new HashMap<>();
-        Table threads = snapshot.table(TableLayout.THREAD);
-        for (int row = 0; row < threads.size(); row++) {
-            int slot = threads.getInt(row, TableLayout.THREAD.field("indexForTFI"));
-            if (threads.stamp(row) > 0 && slot != 0) {
-                threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
-            }
-        }
+        Map<Integer, String> threadBySlot = SnapshotPaths.threadNamesBySlot(snapshot);
         Table pairs = snapshot.table(TableLayout.THREADFRAME);
         Table cpu = snapshot.table(TableLayout.CPUPROFILING);
         Map<Integer, List<String>> paths = new HashMap<>();

@@ -40,14 +40,7 @@ final class AllocationProfile {
                         (long) counts.getInt(row, TableLayout.INSTANCECOUNTS.field("count")));
             }
         }
-        Map<Integer, String> threadBySlot = new HashMap<>();
-        Table threads = snapshot.table(TableLayout.THREAD);
-        for (int row = 0; row < threads.size(); row++) {
-            int slot = threads.getInt(row, TableLayout.THREAD.field("indexForTFI"));
-            if (threads.stamp(row) > 0 && slot != 0) {
-                threadBySlot.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
-            }
-        }
+        Map<Integer, String> threadBySlot = SnapshotPaths.threadNamesBySlot(snapshot);
         Table pairs = snapshot.table(TableLayout.THREADFRAME);
         Table alloc = snapshot.table(TableLayout.ALLOCINFO);
         for (int row = 0; row < alloc.size(); row++) {

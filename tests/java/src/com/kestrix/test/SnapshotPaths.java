@@ -4,7 +4,9 @@ import com.kestrix.tools.snapshot.Snapshot;
 import com.kestrix.tools.snapshot.Table;
 import com.kestrix.tools.snapshot.TableLayout;
 import java.util.ArrayList;
+import java.util.HashMap;
 import java.util.List;
+import java.util.Map;
 
 /** Call paths of a snapshot as the tests compare them: "class.method" names, outermost first. */
 public final class SnapshotPaths {
@@ -30,5 +32,18 @@ public final class SnapshotPaths {
             current = frames.getInt(row, TableLayout.FRAME.field("parent"));
         }
         return path;
+    }
+
+    /** The names of the snapshot's threads by their slot in the thread-frame pairs. */
+    public static Map<Integer, String> threadNamesBySlot(Snapshot snapshot) {
+        Map<Integer, String> names = new HashMap<>();
+        Table threads = snapshot.table(TableLayout.THREAD);
+        for (int row = 0; row < threads.size(); row++) {
+            int slot = threads.getInt(row, TableLayout.THREAD.field("indexForTFI"));
+            if (threads.stamp(row) > 0 && slot != 0) {
+                names.put(slot, snapshot.string(threads.getInt(row, TableLayout.THREAD.field("nameStrID"))));
+            }
+        }
+        return names;
     }
 }
