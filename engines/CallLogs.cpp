@@ -13,7 +13,7 @@ const char* const CALL_LOG_CLASS = "com/kestrix/runtime/CallLog";
 const jint DENIED = -2;
 
 // One reader at a time (ourLock), so one buffer serves them all.
-jint ourEvents[CallLogs::CAPACITY];
+jint ourEvents[CallLogs::MAX_CAPACITY];
 
 // CallLog.OWNERS and CallLog.LOGS: the thread that holds each place of the table, and its log.
 jobjectArray ourOwners = nullptr;
@@ -40,6 +40,17 @@ class PendingExceptionKeeper {
   JNIEnv* myEnv;
   jthrowable myPending;
 };
+
+// An event of a log as written by CallLog.
+void replayEvent(ThreadInfo* info, jint event) {
+  if (event < 0) {
+    replayExit(info, ~event);
+  } else if ((event & CallLogs::LEAF) != 0) {
+    replayCall(info, event & ~CallLogs::LEAF);
+  } else {
+    replayEntry(info, event);
+  }
+}
 
 JNIEnv* currentEnv() {
   void* env = nullptr;
@@ -122,6 +133,7 @@ void CallLogs::claim(JNIEnv* env, ThreadInfo* info, jint slot) {
   info->myCallLog = global;
   info->myCallLogSlot = slot;
   info->myCallLogRead = HEADER;
+  info->myCallLogFirstIsEntered = false;
   info->myCallLogNeedsNative = needsNative;
   env->DeleteLocalRef(log);
   env->DeleteLocalRef(thread);
@@ -129,38 +141,74 @@ void CallLogs::claim(JNIEnv* env, ThreadInfo* info, jint slot) {
 
 void CallLogs::catchUp(JNIEnv* env, ThreadInfo* info, bool isCurrentThread) {
   LockHolder holder(&ourLock, "CallLogs(catchUp)");
-  jintArray log = info->myCallLog;
-  if (log == nullptr) {
+  if (info->myCallLog == nullptr) {
     return;
   }
   PendingExceptionKeeper keeper(env);
+  jintArray log = info->myCallLog;
   jint written = HEADER;
   env->GetIntArrayRegion(log, 0, 1, &written);
   jint from = info->myCallLogRead;
-  if (written > HEADER + CAPACITY) {
-    written = HEADER + CAPACITY;
+  jint length = env->GetArrayLength(log);
+  if (written > length) {
+    written = length;
   }
   if (written > from) {
-    env->GetIntArrayRegion(log, from, written - from, ourEvents);
+    jint count = written - from;
+    env->GetIntArrayRegion(log, from, count, ourEvents);
     // Calls logged after counting stopped count for nothing.
-    if ((ourStatus & CPU_COUNTS_BIT) != 0) {
-      for (jint i = 0, count = written - from; i < count; i++) {
-        jint event = ourEvents[i];
-        if (event >= 0) {
-          replayEntry(info, event);
-        } else {
-          replayExit(info, ~event);
-        }
+    bool counting = (ourStatus & CPU_COUNTS_BIT) != 0;
+    jint first = 0;
+    if (info->myCallLogFirstIsEntered) {
+      // The entry read last time may have become a whole call since: only its end is new.
+      if (counting && (ourEvents[0] & LEAF) != 0) {
+        replayExit(info, ourEvents[0] & ~LEAF);
+      }
+      first = 1;
+    }
+    if (counting) {
+      for (jint i = first; i < count; i++) {
+        replayEvent(info, ourEvents[i]);
       }
     }
-    info->myCallLogRead = written;
+    // The last event, an entry while its thread writes on, may still turn into a whole call;
+    // it is read again next time.
+    jint last = ourEvents[count - 1];
+    bool reread = !isCurrentThread && last >= 0 && (last & LEAF) == 0;
+    info->myCallLogRead = reread ? written - 1 : written;
+    info->myCallLogFirstIsEntered = reread;
   }
-  // Only the thread itself may rewind: it is not writing while it is here.
+  // Only the thread itself may rewind or replace its log: it is not writing while it is here.
+  if (isCurrentThread && written == length && length - HEADER < MAX_CAPACITY &&
+      grow(env, info, (length - HEADER) * 2)) {
+    return;
+  }
   if (isCurrentThread && info->myCallLogRead != HEADER) {
     jint start = HEADER;
     env->SetIntArrayRegion(log, 0, 1, &start);
     info->myCallLogRead = HEADER;
+    info->myCallLogFirstIsEntered = false;
   }
+}
+
+bool CallLogs::grow(JNIEnv* env, ThreadInfo* info, jint capacity) {
+  jintArray bigger = env->NewIntArray(HEADER + capacity);
+  jintArray global = bigger == nullptr ? nullptr : static_cast<jintArray>(env->NewGlobalRef(bigger));
+  if (global == nullptr) {
+    env->ExceptionClear();  // the log it has serves on
+    env->DeleteLocalRef(bigger);
+    return false;
+  }
+  // Everything in the old log is read; the new one starts empty, with the same request word.
+  jint header[HEADER] = {HEADER, info->myCallLogNeedsNative ? 1 : 0};
+  env->SetIntArrayRegion(bigger, 0, HEADER, header);
+  env->SetObjectArrayElement(ourLogs, info->myCallLogSlot, bigger);
+  env->DeleteGlobalRef(info->myCallLog);
+  env->DeleteLocalRef(bigger);
+  info->myCallLog = global;
+  info->myCallLogRead = HEADER;
+  info->myCallLogFirstIsEntered = false;
+  return true;
 }
 
 void CallLogs::publish(JNIEnv* env, ThreadInfo* info) {

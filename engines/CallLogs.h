@@ -16,13 +16,20 @@ class ThreadInfo;
 // A log is read by one reader at a time, under ourLock; its thread writes on meanwhile. The
 // write position is the array's first word, which the thread moves after writing the event,
 // and only the thread itself, inside the native it calls when the log is full, ever moves it
-// back. The read position is the agent's own.
+// back. The read position is the agent's own. The one event the thread changes after writing it
+// is its last, an entry that its exit turns into a whole call; a reader that found an entry last
+// reads it again next time.
 class CallLogs {
  public:
   // Words before the first event: the write position and the "see the next probe" word.
   static const jint HEADER = 2;
-  // Events in a log: 16 KB a thread, read back a few hundred times a second at most.
+  // Events in a new log: 16 KB a thread. A thread whose log fills up gets one twice as big, up
+  // to MAX_CAPACITY (64 KB), so that a busy thread calls in once per 16 K events, not per 4 K.
   static const jint CAPACITY = 4096;
+  static const jint MAX_CAPACITY = 16384;
+  // The bit of an event that stands for a whole call without traced calls of its own
+  // (CallLog.LEAF).
+  static const jint LEAF = 1 << 30;
   // Places in the log table (CallLog.SLOTS).
   static const jint SLOTS = 1 << 14;
 
@@ -57,6 +64,9 @@ class CallLogs {
  private:
   // Gives the current thread a log in place 'slot' unless another thread holds it.
   static void claim(JNIEnv* env, ThreadInfo* info, jint slot);
+  // Replaces the current thread's log, read to its end, by an empty one of 'capacity' events;
+  // false when there is no memory for it.
+  static bool grow(JNIEnv* env, ThreadInfo* info, jint capacity);
 };
 
 extern "C" {

@@ -104,6 +104,9 @@ class alignas(64) ThreadInfo {
   // Its place in the log table; -1 without one, -2 when another thread held it.
   jint myCallLogSlot = -1;
   jint myCallLogRead = 0;
+  // The event at myCallLogRead was read as an entry while the thread wrote on: only its turning
+  // into a whole call is still to be read.
+  bool myCallLogFirstIsEntered = false;
   // What the log's "see the next probe natively" word holds, as this side last wrote it.
   bool myCallLogNeedsNative = false;
 

@@ -460,6 +460,22 @@ void methodExit(JNIEnv* env, jint methodIndex) {
   }
 }
 
+void replayCall(ThreadInfo* info, jint methodIndex) {
+  jint parent = info->myCurrentFrameIndex;
+  KVector<TracedCall>& calls = info->myTracedCalls;
+  // A known callee is never collapsed: the call only counts.
+  if (parent != -1 && (calls.isEmpty() || calls.last().myFrame == parent)) {
+    const CalleeCache::Entry* callee = info->myCallees.find(parent, methodIndex);
+    if (callee != nullptr) {
+      callee->myRecord->count++;
+      callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
+      return;
+    }
+  }
+  replayEntry(info, methodIndex);
+  replayExit(info, methodIndex);
+}
+
 void replayExit(ThreadInfo* info, jint methodIndex) {
   if (info->myCurrentFrameIndex == -1 || endsCollapsedCall(info) || closeKnownCall(info, methodIndex)) {
     return;

@@ -26,6 +26,8 @@ void methodExit(JNIEnv* env, jint methodIndex);
 // ourLock and is the thread itself or has the gate closed.
 void replayEntry(ThreadInfo* info, jint methodIndex);
 void replayExit(ThreadInfo* info, jint methodIndex);
+// An entry and its exit at once, for a call that made no traced call of its own.
+void replayCall(ThreadInfo* info, jint methodIndex);
 
 extern "C" {
 JNIEXPORT void JNICALL Java_com_kestrix_runtime_Callback_kjpMethodEntry0(JNIEnv* env, jclass, jshort low, jshort high);

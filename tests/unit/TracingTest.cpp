@@ -150,6 +150,28 @@ TEST_F(TracingTest, CallsReadBackFromALogCountAsTheNativesCountThemUntilTheStack
     }
   }
   EXPECT_EQ((std::vector<jlong>{6, 6, 12}), counts()) << "read back, the calls land where the natives put them";
+  {
+    // The same with the calls back logged as whole calls, as the log writes a call that made
+    // none of its own.
+    LockHolder holder(&ourLock, "test");
+    for (int i = 0; i < 3; i++) {
+      replayEntry(myThread, app);
+      replayEntry(myThread, lib);
+      replayCall(myThread, back);
+      replayEntry(myThread, libInner);
+      replayCall(myThread, back);
+      replayExit(myThread, libInner);
+      replayExit(myThread, lib);
+      replayExit(myThread, app);
+    }
+  }
+  EXPECT_EQ((std::vector<jlong>{9, 9, 18}), counts());
+  myThread->myCallees.clear();
+  {
+    LockHolder holder(&ourLock, "test");
+    replayCall(myThread, app);
+  }
+  EXPECT_EQ(10, countOn({app})) << "an unknown callee takes the long way";
   EXPECT_EQ(0, myThread->myCurrentFrameIndex);
   EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
   EXPECT_EQ(0, myThread->myTracedCalls.size());
@@ -160,7 +182,7 @@ TEST_F(TracingTest, CallsReadBackFromALogCountAsTheNativesCountThemUntilTheStack
   EXPECT_EQ(-1, myThread->myCurrentFrameIndex) << "an exit of a call never entered loses the stack";
   replayEntry(myThread, app);
   replayExit(myThread, app);
-  EXPECT_EQ(7, countOn({app})) << "without the stack a logged call can't be placed, and counts nothing";
+  EXPECT_EQ(11, countOn({app})) << "without the stack a logged call can't be placed, and counts nothing";
   EXPECT_EQ(-1, myThread->myCurrentFrameIndex);
   EXPECT_EQ(0, myThread->myFilteredCallsStack.size());
   ourTracingTimesSampled = false;
