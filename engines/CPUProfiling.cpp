@@ -112,7 +112,7 @@ void stopCPUProfiling(JNIEnv* env) {
   if (ourLinuxFastThreadCPUTimeSupported) {
     forEachLiveThread([&](ThreadInfo* info) { dropShadowStack(info, false); });
   }
-  CallLogs::releaseAll(env);
+  CallLogs::releaseAll();
   ourTracingTimesSampled = false;
   ourStatus &= ~(CPU_PROFILING | CPU_TIME_SOURCE);
   redefineCallbackAfterStatusChange(env);
@@ -199,10 +199,7 @@ const JNINativeMethod CALLBACK_NATIVES[] = {
 // call is corrected now or its callers stay below it.
 void threadEnded(ThreadInfo* info) {
   // The thread's last traced calls are still in its log.
-  void* env = nullptr;
-  if (info->myCallLog != nullptr && ourVM->GetEnv(&env, JNI_VERSION_1_6) == JNI_OK) {
-    CallLogs::release(static_cast<JNIEnv*>(env), info);
-  }
+  CallLogs::release(info);
   WallTimeCorrector::correctThread(info);
 }
 

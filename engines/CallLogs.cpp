@@ -57,6 +57,21 @@ JNIEnv* currentEnv() {
   return ourVM != nullptr && ourVM->GetEnv(&env, JNI_VERSION_1_6) == JNI_OK ? static_cast<JNIEnv*>(env) : nullptr;
 }
 
+// An empty log of 'capacity' events whose request word says 'needsNative', as a local and a
+// global reference; false, with neither, when there is no memory for it.
+bool newLog(JNIEnv* env, jint capacity, bool needsNative, jintArray* local, jintArray* global) {
+  *local = env->NewIntArray(CallLogs::HEADER + capacity);
+  *global = *local == nullptr ? nullptr : static_cast<jintArray>(env->NewGlobalRef(*local));
+  if (*global == nullptr) {
+    env->ExceptionClear();
+    env->DeleteLocalRef(*local);
+    return false;
+  }
+  jint header[CallLogs::HEADER] = {CallLogs::HEADER, needsNative ? 1 : 0};
+  env->SetIntArrayRegion(*local, 0, CallLogs::HEADER, header);
+  return true;
+}
+
 }  // namespace
 
 bool CallLogs::prepare(JNIEnv* env) {
@@ -116,17 +131,13 @@ void CallLogs::claim(JNIEnv* env, ThreadInfo* info, jint slot) {
     info->myCallLogSlot = DENIED;  // the place is taken: this thread's probes keep calling in
     return;
   }
-  jintArray log = env->NewIntArray(HEADER + CAPACITY);
-  jintArray global = log == nullptr ? nullptr : static_cast<jintArray>(env->NewGlobalRef(log));
-  if (global == nullptr) {
-    env->ExceptionClear();  // short of memory: the same
-    env->DeleteLocalRef(log);
-    env->DeleteLocalRef(thread);
+  bool needsNative = info->myCurrentFrameIndex == -1;
+  jintArray log = nullptr;
+  jintArray global = nullptr;
+  if (!newLog(env, CAPACITY, needsNative, &log, &global)) {
+    env->DeleteLocalRef(thread);  // short of memory: the thread's probes keep calling in
     return;
   }
-  bool needsNative = info->myCurrentFrameIndex == -1;
-  jint header[HEADER] = {HEADER, needsNative ? 1 : 0};
-  env->SetIntArrayRegion(log, 0, HEADER, header);
   // The log before the owner: a probe that finds itself the owner reads the log next.
   env->SetObjectArrayElement(ourLogs, slot, log);
   env->SetObjectArrayElement(ourOwners, slot, thread);
@@ -192,16 +203,12 @@ void CallLogs::catchUp(JNIEnv* env, ThreadInfo* info, bool isCurrentThread) {
 }
 
 bool CallLogs::grow(JNIEnv* env, ThreadInfo* info, jint capacity) {
-  jintArray bigger = env->NewIntArray(HEADER + capacity);
-  jintArray global = bigger == nullptr ? nullptr : static_cast<jintArray>(env->NewGlobalRef(bigger));
-  if (global == nullptr) {
-    env->ExceptionClear();  // the log it has serves on
-    env->DeleteLocalRef(bigger);
-    return false;
-  }
   // Everything in the old log is read; the new one starts empty, with the same request word.
-  jint header[HEADER] = {HEADER, info->myCallLogNeedsNative ? 1 : 0};
-  env->SetIntArrayRegion(bigger, 0, HEADER, header);
+  jintArray bigger = nullptr;
+  jintArray global = nullptr;
+  if (!newLog(env, capacity, info->myCallLogNeedsNative, &bigger, &global)) {
+    return false;  // the log it has serves on
+  }
   env->SetObjectArrayElement(ourLogs, info->myCallLogSlot, bigger);
   env->DeleteGlobalRef(info->myCallLog);
   env->DeleteLocalRef(bigger);
@@ -212,6 +219,9 @@ bool CallLogs::grow(JNIEnv* env, ThreadInfo* info, jint capacity) {
 }
 
 void CallLogs::publish(JNIEnv* env, ThreadInfo* info) {
+  if (info->myCallLog == nullptr) {
+    return;  // most threads, at every gate closure
+  }
   LockHolder holder(&ourLock, "CallLogs(publish)");
   bool needsNative = info->myCurrentFrameIndex == -1;
   if (info->myCallLog == nullptr || needsNative == info->myCallLogNeedsNative) {
@@ -243,8 +253,9 @@ void CallLogs::publishAll() {
   forEachLiveThread([&](ThreadInfo* info) { publish(env, info); });
 }
 
-void CallLogs::release(JNIEnv* env, ThreadInfo* info) {
-  if (info->myCallLog == nullptr) {
+void CallLogs::release(ThreadInfo* info) {
+  JNIEnv* env = info->myCallLog == nullptr ? nullptr : currentEnv();
+  if (env == nullptr) {
     return;
   }
   catchUp(env, info, false);
@@ -257,9 +268,9 @@ void CallLogs::release(JNIEnv* env, ThreadInfo* info) {
   info->myCallLogSlot = -1;
 }
 
-void CallLogs::releaseAll(JNIEnv* env) {
+void CallLogs::releaseAll() {
   forEachLiveThread([&](ThreadInfo* info) {
-    release(env, info);
+    release(info);
     // A thread denied a place may find one free at the next start.
     info->myCallLogSlot = -1;
   });

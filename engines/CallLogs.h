@@ -54,12 +54,12 @@ class CallLogs {
   static void catchUpAll();
   static void publishAll();
 
-  // The thread ends: its last calls are read and its log and its place are let go. Runs on the
-  // ending thread. Caller holds ourLock.
-  static void release(JNIEnv* env, ThreadInfo* info);
+  // The thread ends: its last calls are read and its log and its place are let go. Caller holds
+  // ourLock.
+  static void release(ThreadInfo* info);
   // The same for every live thread, as counting stops: a later start may take its times from
   // the clock, whose probes must not find logs. Caller holds ourLock with the gate closed.
-  static void releaseAll(JNIEnv* env);
+  static void releaseAll();
 
  private:
   // Gives the current thread a log in place 'slot' unless another thread holds it.

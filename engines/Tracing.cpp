@@ -170,19 +170,27 @@ inline TracedCall* currentTracedCall(ThreadInfo* info) {
 //   negative, and the row never shrinks between two captures.
 namespace {
 
+// The callee the thread remembers for 'methodIndex' called from the frame it is in; null when it
+// remembers none, or when the frame moved past the traced calls (a rebuild, a drop), which the
+// locked path sorts out.
+inline const CalleeCache::Entry* knownCallee(ThreadInfo* info, jint methodIndex) {
+  jint parent = info->myCurrentFrameIndex;
+  KVector<TracedCall>& calls = info->myTracedCalls;
+  if (parent == -1 || (!calls.isEmpty() && calls.last().myFrame != parent)) {
+    return nullptr;
+  }
+  return info->myCallees.find(parent, methodIndex);
+}
+
 // The entry of a call whose callee the thread knows, for whoever may change the thread's state
 // (inside a gate section or under ourLock); false when the callee isn't known.
 inline bool recordKnownCallee(ThreadInfo* info, jint methodIndex) {
-  jint parent = info->myCurrentFrameIndex;
-  KVector<TracedCall>& calls = info->myTracedCalls;
-  // A frame that moved past the traced calls (a rebuild, a drop) is sorted out by the locked path.
-  if (parent == -1 || (!calls.isEmpty() && calls.last().myFrame != parent)) {
-    return false;
-  }
-  const CalleeCache::Entry* callee = info->myCallees.find(parent, methodIndex);
+  const CalleeCache::Entry* callee = knownCallee(info, methodIndex);
   if (callee == nullptr) {
     return false;
   }
+  jint parent = info->myCurrentFrameIndex;
+  KVector<TracedCall>& calls = info->myTracedCalls;
   bool isWallTime = (callee->myFlags & MF_WALL_TIME) != 0;
   info->myFilteredCallsStack.push((callee->myFlags & MF_FILTERED) != 0);
   TracedCall call = {callee->myFrame, parent, methodIndex, isWallTime, callee->myRecord};
@@ -280,6 +288,28 @@ __attribute__((noinline)) void tracedEntry(JNIEnv* env, ThreadInfo* info, jint m
 
 namespace {
 
+// For what the thread does natively while it has a call log: the calls logged so far happened
+// first, and the state the native work leaves (whether the stack is known) goes back to the log.
+class LoggedCallsFirst {
+ public:
+  LoggedCallsFirst(JNIEnv* env, ThreadInfo* info) : myEnv(env), myInfo(info) {
+    if (info->myCallLog != nullptr) {
+      CallLogs::catchUp(env, info);
+    }
+  }
+  ~LoggedCallsFirst() {
+    if (myInfo->myCallLog != nullptr) {
+      CallLogs::publish(myEnv, myInfo);
+    }
+  }
+  LoggedCallsFirst(const LoggedCallsFirst&) = delete;
+  LoggedCallsFirst& operator=(const LoggedCallsFirst&) = delete;
+
+ private:
+  JNIEnv* myEnv;
+  ThreadInfo* myInfo;
+};
+
 // Pushes the filtered bit of a call the callee cache didn't know; true when the call collapses
 // into its filtered caller and records nothing more.
 inline bool collapsesIntoCaller(ThreadInfo* info, jint flags) {
@@ -301,7 +331,14 @@ inline bool endsCollapsedCall(ThreadInfo* info) {
   return popped && !filteredCalls.isEmpty() && filteredCalls.last();
 }
 
-void methodEntryOf(JNIEnv* env, ThreadInfo* info, jint methodIndex) {
+}  // namespace
+
+void methodEntry(JNIEnv* env, jint methodIndex) {
+  ThreadInfo* info = getCurrentThreadInfo();
+  if (info == nullptr || info->myIsAgentThread) {
+    return;
+  }
+  LoggedCallsFirst logged(env, info);
   if (enterKnownCallee(info, methodIndex)) {
     return;
   }
@@ -310,23 +347,6 @@ void methodEntryOf(JNIEnv* env, ThreadInfo* info, jint methodIndex) {
     return;  // inside a collapsed library call: no lock, no clock
   }
   tracedEntry(env, info, methodIndex, flags);
-}
-
-}  // namespace
-
-void methodEntry(JNIEnv* env, jint methodIndex) {
-  ThreadInfo* info = getCurrentThreadInfo();
-  if (info == nullptr || info->myIsAgentThread) {
-    return;
-  }
-  if (info->myCallLog == nullptr) {
-    methodEntryOf(env, info, methodIndex);
-    return;
-  }
-  // The logged calls happened first; the state this call leaves goes back to the log.
-  CallLogs::catchUp(env, info);
-  methodEntryOf(env, info, methodIndex);
-  CallLogs::publish(env, info);
 }
 
 void replayEntry(ThreadInfo* info, jint methodIndex) {
@@ -448,29 +468,20 @@ void methodExit(JNIEnv* env, jint methodIndex) {
   if (info == nullptr || info->myIsAgentThread) {
     return;
   }
-  if (info->myCallLog != nullptr) {
-    CallLogs::catchUp(env, info);
-  }
+  LoggedCallsFirst logged(env, info);
   // An ending call that the entry collapsed into its filtered caller records nothing.
   if (!endsCollapsedCall(info) && !exitTracedCall(info, methodIndex)) {
     tracedExit(info, methodIndex);
   }
-  if (info->myCallLog != nullptr) {
-    CallLogs::publish(env, info);
-  }
 }
 
 void replayCall(ThreadInfo* info, jint methodIndex) {
-  jint parent = info->myCurrentFrameIndex;
-  KVector<TracedCall>& calls = info->myTracedCalls;
   // A known callee is never collapsed: the call only counts.
-  if (parent != -1 && (calls.isEmpty() || calls.last().myFrame == parent)) {
-    const CalleeCache::Entry* callee = info->myCallees.find(parent, methodIndex);
-    if (callee != nullptr) {
-      callee->myRecord->count++;
-      callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
-      return;
-    }
+  const CalleeCache::Entry* callee = knownCallee(info, methodIndex);
+  if (callee != nullptr) {
+    callee->myRecord->count++;
+    callee->myRecord->myModificationStamp = ourDB->myModificationStamp;
+    return;
   }
   replayEntry(info, methodIndex);
   replayExit(info, methodIndex);
@@ -501,12 +512,7 @@ void JNICALL exception(jvmtiEnv*, JNIEnv* env, jthread, jmethodID, jlocation, jo
   }
   if ((ourStatus & CPU_COUNTS_BIT) != 0) {
     // The calls logged before the throw still ended normally.
-    if (info->myCallLog != nullptr) {
-      CallLogs::catchUp(env, info);
-    }
+    LoggedCallsFirst logged(env, info);
     dropShadowStack(info, true);
-    if (info->myCallLog != nullptr) {
-      CallLogs::publish(env, info);
-    }
   }
 }

@@ -123,25 +123,26 @@ void setForwardingBody(CodeAttribute* code, unsigned char firstLoad, int nativeR
   code->incMaxStackCount(2);
 }
 
-void enableInvocationCounting(ClassFile& classFile, void*) {
+// kjpMethodEntry and kjpMethodExit forward their two halves to the static methods 'entryName'
+// and 'exitName' of 'targetClass'.
+void forwardEntryAndExit(ClassFile& classFile, const KString& targetClass, const char* entryName,
+                         const char* exitName) {
+  KString descriptor("(SS)V");
   CodeAttribute* entry = existingProbeMethodCode(classFile, "kjpMethodEntry", "(SS)V", "kjpMethodEntry(SS) not found");
-  KString className(classFile.getSignature());
-  int entryNative = classFile.findOrCreateMethodRef(className, KString("kjpMethodEntry0"), KString("(SS)V"));
-  setForwardingBody(entry, 0x1A, entryNative, OP_RETURN);
-
+  setForwardingBody(entry, 0x1A, classFile.findOrCreateMethodRef(targetClass, KString(entryName), descriptor),
+                    OP_RETURN);
   CodeAttribute* exit = existingProbeMethodCode(classFile, "kjpMethodExit", "(SS)V", "kjpMethodExit() not found");
-  int exitNative = classFile.findOrCreateMethodRef(className, KString("kjpMethodExit0"), KString("(SS)V"));
-  setForwardingBody(exit, 0x1A, exitNative, OP_RETURN);
+  setForwardingBody(exit, 0x1A, classFile.findOrCreateMethodRef(targetClass, KString(exitName), descriptor),
+                    OP_RETURN);
+}
+
+void enableInvocationCounting(ClassFile& classFile, void*) {
+  forwardEntryAndExit(classFile, KString(classFile.getSignature()), "kjpMethodEntry0", "kjpMethodExit0");
 }
 
 // The same probes forwarding to the call log, which records a call without leaving Java.
 void enableLoggedInvocationCounting(ClassFile& classFile, void*) {
-  KString logClass(CALL_LOG_CLASS_NAME);
-  KString descriptor("(SS)V");
-  CodeAttribute* entry = existingProbeMethodCode(classFile, "kjpMethodEntry", "(SS)V", "kjpMethodEntry(SS) not found");
-  setForwardingBody(entry, 0x1A, classFile.findOrCreateMethodRef(logClass, KString("entry"), descriptor), OP_RETURN);
-  CodeAttribute* exit = existingProbeMethodCode(classFile, "kjpMethodExit", "(SS)V", "kjpMethodExit() not found");
-  setForwardingBody(exit, 0x1A, classFile.findOrCreateMethodRef(logClass, KString("exit"), descriptor), OP_RETURN);
+  forwardEntryAndExit(classFile, KString(CALL_LOG_CLASS_NAME), "entry", "exit");
 }
 
 void enableAllocations(ClassFile& classFile, void*) {
